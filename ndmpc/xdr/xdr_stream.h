@@ -1,0 +1,76 @@
+// CXDRStream: ONC RPC record marking over one connected TCP socket.
+//
+// Values write themselves with putBytes and the message ends with
+// flushRecord; the receiver reads values with getBytes and drops what a
+// message left unread with skipRecord. Every record travels as fragments of
+// at most 4096 data bytes, each behind a 4-byte header (bit 31: last
+// fragment of the record; bits 0-30: length).
+//
+// One thread may use the input side (IsAvailable, getBytes, skipRecord,
+// GetBytesAvailable) while another uses the output side (putBytes,
+// flushRecord); each side belongs to one thread at a time.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "ndmpc/foundation/vx_log.h"
+#include "ndmpc/foundation/vx_socket.h"
+
+namespace com::vx::korvane::ndmpc {
+
+// Failure result of the stream and of every Serialize/DeSerialize.
+constexpr int XDR_FAILURE = static_cast<int>(0xCFFFFFFFu);
+
+class CXDRStream {
+ public:
+  static constexpr int kBufferSize = 4096;
+  static constexpr int kHeaderSize = 4;
+  static constexpr std::uint32_t kLastFragment = 0x80000000u;
+  static constexpr std::uint32_t kLengthMask = 0x7FFFFFFFu;
+  static constexpr unsigned int kHeaderWaitMs = 30000;
+  static constexpr unsigned int kPollWaitMs = 500;
+
+  // The socket and the log are not owned and must outlive the stream.
+  CXDRStream(VxTcpSocket& socket, VxLog& log);
+  // Member-wise copy: the copy's cursors keep pointing into the source's buffers.
+  CXDRStream(const CXDRStream& other) = default;
+  CXDRStream& operator=(const CXDRStream&) = delete;
+  virtual ~CXDRStream();
+
+  bool IsConnected();
+  // True when input is buffered, or a fragment starts within 500 ms.
+  bool IsAvailable();
+  int GetBytesAvailable() const { return available_; }
+
+  // Reads `count` bytes (across fragments and records): count, or XDR_FAILURE.
+  int getBytes(int count, unsigned char* destination);
+  // Buffers `count` bytes, writing full fragments as needed: count, or XDR_FAILURE.
+  int putBytes(int count, const unsigned char* source);
+  // Writes the buffered bytes as the record's last fragment: 0, a socket
+  // status, or XDR_FAILURE (also when nothing is buffered).
+  int flushRecord();
+  // Discards the rest of the current input record. Always 0.
+  int skipRecord();
+
+ private:
+  int readInputBuffer(int wanted, bool quick);
+  int writeOutputBuffer(bool last);
+  int Buffered() const { return static_cast<int>(outputCursor_ - outputBuffer_); }
+  void EndOfData(const wchar_t* label, bool reset);
+
+  VxTcpSocket& socket_;
+  unsigned char inputBuffer_[kBufferSize];
+  unsigned char outputBuffer_[kBufferSize];
+  unsigned char* inputCursor_;
+  unsigned char* outputCursor_;
+  int available_ = 0;
+  VxLog& log_;
+  bool connected_;  // cleared for good by end of data or a reset
+  bool lastFragment_ = false;
+  bool atFragmentStart_ = true;
+  std::uint32_t fragmentLength_ = 0;
+  std::uint32_t fragmentRemaining_ = 0;
+};
+
+}  // namespace com::vx::korvane::ndmpc
