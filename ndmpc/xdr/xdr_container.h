@@ -83,6 +83,9 @@ class CXDRContainer : public CIXDR {
     if (members_.empty()) RegisterMembers();
   }
   std::uint32_t Version() const { return version_; }
+  // Registers a member under a name with static storage (a literal held in
+  // a table, say); the name is not copied.
+  int RegisterStaticMember(const char* name, CIXDR* member) { return AddMember(name, member); }
 
  private:
   // A list of registered members that keeps the first few inline, so that

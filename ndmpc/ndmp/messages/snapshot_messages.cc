@@ -1,0 +1,7 @@
+#include "ndmpc/ndmp/messages/message_factory.h"
+
+namespace com::vx::korvane::ndmpc {
+
+void AddSnapshotFactoryEntries(std::vector<CNDMPFactoryEntry>& /*table*/) {}
+
+}  // namespace com::vx::korvane::ndmpc
