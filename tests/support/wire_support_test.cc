@@ -1,0 +1,52 @@
+#include "tests/support/wire_support.h"
+
+#include <gtest/gtest.h>
+
+#include "ndmpc/xdr/xdr_values.h"
+
+namespace com::vx::korvane::ndmpc::testing {
+namespace {
+
+TEST(WireSupport, CapturesFragmentsLargerThanTheSocketBuffer) {
+  std::vector<unsigned char> big(300000, 0x5A);
+  std::vector<unsigned char> raw = CaptureRecordBytes([&](CXDRStream& stream) {
+    for (std::size_t at = 0; at < big.size(); at += 1000) stream.putBytes(1000, &big[at]);
+    stream.flushRecord();
+  });
+  // Four 1000-byte values fit in a fragment; the fifth starts the next one.
+  EXPECT_EQ(raw.size(), big.size() + 4 * 75);
+  EXPECT_EQ(StripRecordMarks(raw), big);
+}
+
+TEST(WireSupport, MakeRecordSplitsAndMarksTheLastFragment) {
+  EXPECT_EQ(Hex(MakeRecord({})), "80 00 00 00");
+  EXPECT_EQ(Hex(MakeRecord(Bytes({1, 2, 3}), 2)), "00 00 00 02 01 02 80 00 00 01 03");
+}
+
+TEST(WireSupport, DecodesLargePayloadsAndStopsAWriterNobodyReads) {
+  std::vector<unsigned char> text(20000, 'x');
+  std::vector<unsigned char> payload = Concat({Bytes({0, 0, 0x4E, 0x20}), text});
+  CXDRString value;
+  EXPECT_EQ(DecodeValue(payload, value), 20004);
+  EXPECT_EQ(value.GetString().size(), 20000u);
+  // Decoding stops after one word; the writer still has most of 1 MB queued.
+  CXDRULong word;
+  EXPECT_EQ(DecodeValue(std::vector<unsigned char>(1 << 20, 0), word), 4);
+}
+
+TEST(WireSupport, CapturingLogKeepsLinesWithSeverity) {
+  CCapturingLog log;
+  log.debug("a %d", 1);
+  log.error("b %s", "two");
+  auto lines = log.Lines();
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_EQ(lines[0], CCapturingLog::Line(VxLog::kDebug, "a 1"));
+  EXPECT_EQ(lines[1], CCapturingLog::Line(VxLog::kError, "b two"));
+  EXPECT_TRUE(log.Contains("two"));
+  EXPECT_FALSE(log.Contains("three"));
+  log.Clear();
+  EXPECT_TRUE(log.Lines().empty());
+}
+
+}  // namespace
+}  // namespace com::vx::korvane::ndmpc::testing
