@@ -1,0 +1,304 @@
+// Records and arrays: wire order, fixed and counted arrays, partial decodes,
+// protocol-version re-registration, dump layout, and copies that never lean
+// on their source's registration.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+#include "ndmpc/ndmp/enums/protocol_ids.h"
+#include "ndmpc/xdr/xdr_container.h"
+#include "ndmpc/xdr/xdr_enum.h"
+#include "tests/support/wire_support.h"
+
+namespace com::vx::korvane::ndmpc {
+namespace {
+
+using enums::CNDMPProtocolVersion;
+using testing::Bytes;
+using testing::DecodeValue;
+using testing::EncodeValue;
+using testing::Hex;
+
+class CEmptyRecord : public CXDRContainer {
+ protected:
+  int RegisterMembers() override { return 0; }
+};
+
+// Registers one more field under protocol version 3.
+class CInner : public CXDRContainer {
+ public:
+  CXDRULong X;
+  CXDRString S;
+  CXDRULong V3Only;
+  int registrations = 0;
+
+ protected:
+  int RegisterMembers() override {
+    ++registrations;
+    RegisterMember("X", &X);
+    RegisterMember("S", &S);
+    if (Version() == CNDMPProtocolVersion::PROTOCOL_VERSION_3) RegisterMember("V3Only", &V3Only);
+    return 0;
+  }
+};
+
+class COuter : public CXDRContainer {
+ public:
+  CXDRULong A;
+  CInner B;
+  CXDRArray<CXDRUShort> C;
+  CXDRArray<CInner> D;
+  CXDREnumBase<enums::CNDMPError> E;
+  CXDRBool F;
+  int registrations = 0;
+
+ protected:
+  int RegisterMembers() override {
+    ++registrations;
+    RegisterMember("A", &A);
+    RegisterMember("B", &B);
+    RegisterMember("C", &C);
+    RegisterMember("D", &D);
+    RegisterMember("E", &E);
+    RegisterMember("F", &F);
+    return 0;
+  }
+};
+
+class CTriple : public CXDRContainer {
+ public:
+  CXDRULong A, B, C;
+
+ protected:
+  int RegisterMembers() override {
+    RegisterMember("A", &A);
+    RegisterMember("B", &B);
+    RegisterMember("C", &C);
+    return 0;
+  }
+};
+
+CXDRArray<CXDRUShort> OneTwoThree() {
+  CXDRArray<CXDRUShort> array;
+  for (int v : {1, 2, 3}) array.AddItem(CXDRUShort(v));
+  return array;
+}
+
+COuter FilledOuter() {
+  COuter outer;
+  outer.A = 7u;
+  outer.B.X = 1u;
+  outer.B.S.SetString("s");
+  outer.C.AddItem(CXDRUShort(1));
+  outer.C.AddItem(CXDRUShort(2));
+  CInner item;
+  item.X = 9u;
+  outer.D.AddItem(item);
+  outer.E = enums::CNDMPError::NDMP_IO_ERR;
+  outer.F = true;
+  return outer;
+}
+
+TEST(XdrContainer, EmptyRecordWritesNothingAndDumpsNothing) {
+  CEmptyRecord empty;
+  EXPECT_TRUE(EncodeValue(empty).empty());
+  EXPECT_EQ(empty.SerializeSize(), 0u);
+  EXPECT_EQ(empty.DumpContents(0), "");
+  EXPECT_EQ(empty.GetMemberType(), CIXDR::MEMBER_CONTAINER);
+  EXPECT_EQ(DecodeValue({}, empty), 0);
+}
+
+TEST(XdrContainer, RegisterMemberRefusesNullAndKeepsTheList) {
+  CInner record;
+  ASSERT_EQ(record.GetMemberCount(), 2u);
+  EXPECT_EQ(static_cast<unsigned int>(record.RegisterMember("Z", nullptr)), 0xCFFFFFFFu);
+  EXPECT_EQ(record.RegisterMember(VxString("Z"), nullptr), XDR_FAILURE);
+  EXPECT_EQ(record.GetMemberCount(), 2u);
+
+  // A run-time name is kept after the caller's string is gone; duplicates
+  // are accepted and written twice.
+  {
+    VxString name = "Again";
+    EXPECT_EQ(record.RegisterMember(name, &record.X), 0);
+  }
+  record.X = 5u;
+  EXPECT_EQ(Hex(EncodeValue(record)), "00 00 00 05 00 00 00 00 00 00 00 05");
+  EXPECT_EQ(record.DumpContents(0), "\nX = 5\nS = \"\"\nAgain = 5");
+}
+
+TEST(XdrContainer, ArrayOfUShortsCountedAndFixed) {
+  CXDRArray<CXDRUShort> array = OneTwoThree();
+  EXPECT_EQ(Hex(EncodeValue(array)), "00 00 00 03 00 00 00 01 00 00 00 02 00 00 00 03");
+  EXPECT_EQ(array.SerializeSize(), 16u);
+
+  EXPECT_TRUE(array.SetFixedSize(3));
+  EXPECT_EQ(array.GetFixedSize(), 3);
+  EXPECT_EQ(Hex(EncodeValue(array)), "00 00 00 01 00 00 00 02 00 00 00 03");
+  EXPECT_EQ(array.SerializeSize(), 16u);  // the count word is counted although not sent
+
+  EXPECT_FALSE(array.SetFixedSize(0));
+  EXPECT_EQ(array.GetFixedSize(), 0);
+  EXPECT_EQ(Hex(EncodeValue(array)), "00 00 00 03 00 00 00 01 00 00 00 02 00 00 00 03");
+  EXPECT_TRUE(array.SetFixedSize(2));
+  EXPECT_FALSE(array.SetFixedSize(-1));
+  EXPECT_EQ(array.GetFixedSize(), 0);
+
+  CXDRArray<CXDRUShort> empty;
+  EXPECT_EQ(Hex(EncodeValue(empty)), "00 00 00 00");
+  EXPECT_EQ(empty.DumpContents(0), "");
+}
+
+TEST(XdrContainer, ArrayDecodeReplacesElementsAndKeepsThoseBeforeAFailure) {
+  CXDRArray<CXDRUShort> array = OneTwoThree();
+  EXPECT_EQ(DecodeValue(Bytes({0, 0, 0, 1, 0, 0, 0, 9}), array), 0);
+  ASSERT_EQ(array.size(), 1u);
+  EXPECT_EQ(array[0].getInt32(), 9u);
+
+  EXPECT_EQ(DecodeValue(Bytes({0, 0, 0, 3, 0, 0, 0, 1, 0, 0, 0, 2, 0, 0}), array), XDR_FAILURE);
+  ASSERT_EQ(array.size(), 2u);
+  EXPECT_EQ(array[0].getInt32(), 1u);
+  EXPECT_EQ(array[1].getInt32(), 2u);
+
+  CXDRArray<CXDRUShort> fixed;
+  fixed.SetFixedSize(2);
+  EXPECT_EQ(DecodeValue(Bytes({0, 0, 0, 5, 0, 0, 0, 6}), fixed), 0);
+  ASSERT_EQ(fixed.size(), 2u);
+  EXPECT_EQ(fixed(1).getInt32(), 6u);
+
+  EXPECT_EQ(DecodeValue(Bytes({0, 0}), fixed), XDR_FAILURE);
+  EXPECT_EQ(fixed.size(), 0u);
+}
+
+TEST(XdrContainer, DecodeStopsAtTheFirstFailingMember) {
+  CTriple record;
+  record.A = 1u;
+  record.B = 2u;
+  record.C = 3u;
+  EXPECT_EQ(DecodeValue(Bytes({0, 0, 0, 7, 0, 0}), record), XDR_FAILURE);
+  EXPECT_EQ(record.A.getInt32(), 7u);
+  EXPECT_EQ(record.B.getInt32(), 2u);
+  EXPECT_EQ(record.C.getInt32(), 3u);
+}
+
+TEST(XdrContainer, NestedRecordsSerialiseInRegistrationOrder) {
+  COuter outer = FilledOuter();
+  EXPECT_EQ(Hex(EncodeValue(outer)),
+            "00 00 00 07 "                          // A
+            "00 00 00 01 00 00 00 01 73 00 00 00 "  // B: X, S "s"
+            "00 00 00 02 00 00 00 01 00 00 00 02 "  // C
+            "00 00 00 01 00 00 00 09 00 00 00 00 "  // D: one record
+            "00 00 00 07 "                          // E
+            "00 00 00 01");                         // F
+  EXPECT_EQ(outer.SerializeSize(), 48u);
+
+  COuter back;
+  ASSERT_EQ(DecodeValue(EncodeValue(outer), back), 0);
+  EXPECT_EQ(back.DumpContents(0), outer.DumpContents(0));
+}
+
+TEST(XdrContainer, DumpLaysOutNestedRecordsAndArrays) {
+  COuter outer = FilledOuter();
+  EXPECT_EQ(outer.DumpContents(0),
+            "\nA = 7"
+            "\nB = "
+            "\n{"
+            "\n    X = 1"
+            "\n    S = \"s\""
+            "\n}"
+            "\nC = "
+            "\n{"
+            "\n    1"
+            "\n    2"
+            "\n}"
+            "\nD = "
+            "\n{"
+            "\n    Item 0"
+            "\n    {"
+            "\n        X = 9"
+            "\n        S = \"\""
+            "\n    }"
+            "\n}"
+            "\nE = 0x7:NDMP_IO_ERR"
+            "\nF = true");
+  EXPECT_EQ(outer.B.DumpContents(2), "\n        X = 1\n        S = \"s\"");
+}
+
+TEST(XdrContainer, SetProtocolVersionReregistersNestedRecordsButNotArrayElements) {
+  COuter outer = FilledOuter();
+  EXPECT_EQ(outer.SerializeSize(), 48u);
+  ASSERT_EQ(outer.registrations, 1);
+
+  // The version already held changes nothing.
+  EXPECT_EQ(outer.SetProtocolVersion(CNDMPProtocolVersion::PROTOCOL_VERSION_4).getInt32(), 4u);
+  EXPECT_EQ(outer.registrations, 1);
+
+  EXPECT_EQ(outer.SetProtocolVersion(CNDMPProtocolVersion::PROTOCOL_VERSION_3).getInt32(), 3u);
+  EXPECT_EQ(outer.registrations, 2);
+  EXPECT_EQ(outer.GetProtocolVersion().getInt32(), 3u);
+  EXPECT_EQ(outer.B.GetProtocolVersion().getInt32(), 3u);
+  EXPECT_EQ(outer.D[0].GetProtocolVersion().getInt32(), 4u);
+  // B now carries its version-3 field; the record inside the array does not.
+  EXPECT_EQ(outer.SerializeSize(), 52u);
+  EXPECT_EQ(outer.B.GetMemberCount(), 3u);
+  EXPECT_EQ(outer.D[0].GetMemberCount(), 2u);
+  EXPECT_EQ(EncodeValue(outer).size(), 52u);
+
+  // An unregistered record registers at once under the new version.
+  CInner fresh;
+  fresh.SetProtocolVersion(CNDMPProtocolVersion::PROTOCOL_VERSION_3);
+  EXPECT_EQ(fresh.registrations, 1);
+  EXPECT_EQ(fresh.SerializeSize(), 12u);
+}
+
+TEST(XdrContainer, CopySerialisesItsOwnMembers) {
+  auto source = std::make_unique<COuter>(FilledOuter());
+  source->SetProtocolVersion(CNDMPProtocolVersion::PROTOCOL_VERSION_3);
+  const std::vector<unsigned char> before = EncodeValue(*source);
+
+  COuter copy(*source);
+  source->A = 100u;
+  source->B.X = 101u;
+  source->D[0].X = 102u;
+  source->C[0] = 103;
+  EXPECT_EQ(copy.GetProtocolVersion().getInt32(), 3u);
+  EXPECT_EQ(Hex(EncodeValue(copy)), Hex(before));
+  source.reset();  // the copy must not reach into the source
+  EXPECT_EQ(Hex(EncodeValue(copy)), Hex(before));
+
+  CNDMPUQuad quad(5);
+  EXPECT_EQ(quad.SerializeSize(), 8u);
+  CNDMPUQuad quadCopy(quad);
+  quad.Low = 6u;
+  EXPECT_EQ(Hex(EncodeValue(quadCopy)), "00 00 00 00 00 00 00 05");
+}
+
+TEST(XdrContainer, CopyAssignmentSerialisesItsOwnMembers) {
+  auto source = std::make_unique<CInner>();
+  source->X = 1u;
+  source->S.SetString("abc");
+  source->SetProtocolVersion(CNDMPProtocolVersion::PROTOCOL_VERSION_3);
+  source->V3Only = 2u;
+  EXPECT_EQ(source->SerializeSize(), 16u);
+
+  CInner target;
+  target.X = 50u;
+  EXPECT_EQ(target.SerializeSize(), 8u);  // registered under version 4
+  target = *source;
+  source->X = 99u;
+  source->V3Only = 98u;
+  source.reset();
+  EXPECT_EQ(target.GetProtocolVersion().getInt32(), 3u);
+  EXPECT_EQ(Hex(EncodeValue(target)), "00 00 00 01 00 00 00 03 61 62 63 00 00 00 00 02");
+
+  CXDRArray<CInner> array;
+  array.AddItem(target);
+  CXDRArray<CInner> arrayCopy;
+  arrayCopy = array;
+  array[0].X = 7u;
+  EXPECT_EQ(arrayCopy[0].X.getInt32(), 1u);
+  EXPECT_EQ(EncodeValue(arrayCopy).size(), 20u);
+}
+
+}  // namespace
+}  // namespace com::vx::korvane::ndmpc
