@@ -162,6 +162,15 @@ void VxTcpSocket::adopt(int fd) {
   open_.store(fd >= 0);
 }
 
+int VxTcpSocket::release() {
+  int fd = fd_;
+  fd_ = -1;
+  open_.store(false);
+  ended_.store(false);
+  readStart_ = readEnd_ = 0;
+  return fd;
+}
+
 unsigned int VxTcpSocket::FillReadAhead() {
   if (!readAhead_) readAhead_.reset(new unsigned char[kReadAheadSize]);
   for (;;) {

@@ -69,6 +69,8 @@ class VxTcpSocket {
   unsigned int connect(const VxSocketAddress& address, unsigned int timeoutMs = 15000);
   // Takes over an already connected descriptor (from accept()).
   void adopt(int fd);
+  // Gives the descriptor up (the caller owns it now); -1 when there is none.
+  int release();
 
   unsigned int read(void* buffer, unsigned int length, unsigned int* transferred);
   // `more` hints that further data follows at once (the kernel may hold

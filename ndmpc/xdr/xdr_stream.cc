@@ -25,6 +25,21 @@ CXDRStream::CXDRStream(VxTcpSocket& socket, VxLog& log)
   connected_ = socket_.isConnected();
 }
 
+CXDRStream::CXDRStream(const CXDRStream& other)
+    : socket_(other.socket_),
+      inputCursor_(other.inputCursor_),
+      outputCursor_(other.outputCursor_),
+      available_(other.available_),
+      log_(other.log_),
+      connected_(other.connected_.load()),
+      lastFragment_(other.lastFragment_),
+      atFragmentStart_(other.atFragmentStart_),
+      fragmentLength_(other.fragmentLength_),
+      fragmentRemaining_(other.fragmentRemaining_) {
+  std::memcpy(inputBuffer_, other.inputBuffer_, sizeof(inputBuffer_));
+  std::memcpy(outputBuffer_, other.outputBuffer_, sizeof(outputBuffer_));
+}
+
 CXDRStream::~CXDRStream() {
   log_.debug("%ls", kDestructorLabel);
   // Buffered output is deliberately not flushed.
@@ -208,6 +223,20 @@ int CXDRStream::skipRecord() {
     inputCursor_ = inputBuffer_;
   }
   return 0;
+}
+
+int CXDRStream::DiscardRecord() {
+  int dropped = available_;
+  available_ = 0;
+  inputCursor_ = inputBuffer_;
+  while (!AtRecordEnd()) {
+    int r = readInputBuffer(1, false);
+    if (r == -1) return -1;
+    dropped += available_;
+    available_ = 0;
+    inputCursor_ = inputBuffer_;
+  }
+  return dropped;
 }
 
 }  // namespace com::vx::korvane::ndmpc

@@ -34,7 +34,7 @@ class CXDRStream {
   // The socket and the log are not owned and must outlive the stream.
   CXDRStream(VxTcpSocket& socket, VxLog& log);
   // Member-wise copy: the copy's cursors keep pointing into the source's buffers.
-  CXDRStream(const CXDRStream& other) = default;
+  CXDRStream(const CXDRStream& other);
   CXDRStream& operator=(const CXDRStream&) = delete;
   virtual ~CXDRStream();
 
@@ -50,8 +50,15 @@ class CXDRStream {
   // Writes the buffered bytes as the record's last fragment: 0, a socket
   // status, or XDR_FAILURE (also when nothing is buffered).
   int flushRecord();
-  // Discards the rest of the current input record. Always 0.
+  // Discards the rest of the current input record. Always 0. Unread chunks
+  // of a long final fragment are deliberately left in place.
   int skipRecord();
+  // True when the current input record has been read to its very end.
+  bool AtRecordEnd() const { return available_ == 0 && atFragmentStart_ && lastFragment_; }
+  // Reads and drops everything up to the end of the current record, long
+  // final fragments included, so that the next read starts a new record.
+  // The number of bytes dropped, or -1 when the stream failed first.
+  int DiscardRecord();
 
  private:
   int readInputBuffer(int wanted, bool quick);
@@ -66,7 +73,8 @@ class CXDRStream {
   unsigned char* outputCursor_;
   int available_ = 0;
   VxLog& log_;
-  bool connected_;  // cleared for good by end of data or a reset
+  // Cleared for good by end of data or a reset; read by other threads.
+  std::atomic<bool> connected_;
   bool lastFragment_ = false;
   bool atFragmentStart_ = true;
   std::uint32_t fragmentLength_ = 0;

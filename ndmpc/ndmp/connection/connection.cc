@@ -1,0 +1,428 @@
+#include "ndmpc/ndmp/connection/connection.h"
+
+#include <ctime>
+
+#include "ndmpc/ndmp/messages/connect_config_messages.h"
+
+namespace com::vx::korvane::ndmpc {
+
+using enums::CNDMPError;
+using enums::CNDMPMessageType;
+using enums::CNDMPProtocolVersion;
+
+namespace {
+
+// Requests of the connection's own exchanges wait up to six minutes.
+constexpr unsigned int kSetupTimeout = 360;
+
+std::mutex& ProtectorMutex() {
+  static std::mutex mutex;
+  return mutex;
+}
+
+CNDMPCredentialProtector& DefaultProtector() {
+  static CNDMPCredentialProtector protector;
+  return protector;
+}
+
+}  // namespace
+
+CNDMPConnection::CNDMPConnection(const char* hostName, const char* ipAddress, VxLog& log,
+                                 unsigned int port)
+    : logHandler_(log),
+      log_(log),
+      hostName_(hostName != nullptr ? hostName : ""),
+      ipAddress_(ipAddress != nullptr ? ipAddress : ""),
+      port_(port) {}
+
+CNDMPConnection::CNDMPConnection(VxTcpSocket& socket, VxLog& log) : logHandler_(log), log_(log) {
+  auto* owned = new VxTcpSocket();
+  int fd = socket.release();
+  if (fd >= 0) owned->adopt(fd);
+  InitializeConnection(owned);  // the result is ignored on the serving side
+}
+
+CNDMPConnection::CNDMPConnection(const CNDMPConnection& other)
+    : CNDMPCallbackRegistrationTable(),
+      CINDMPReplyRouter(),
+      logHandler_(other.log_),
+      log_(other.log_),
+      hostName_(other.hostName_),
+      ipAddress_(other.ipAddress_),
+      userName_(other.userName_),
+      password_(other.password_),
+      port_(other.port_) {
+  if (other.connected_.load()) {
+    if (Connect(other.GetProtocolVersion()) == CNDMPError::NDMP_NO_ERR) {
+      connected_ = true;
+      // Retried with the stored credentials whether or not the source was authenticated.
+      authenticated_ = Authenticate(other.userName_.c_str(), other.password_.c_str()) ==
+                       CNDMPError::NDMP_NO_ERR;
+    }
+  }
+}
+
+CNDMPConnection::~CNDMPConnection() {
+  Disconnect();
+  if (serverRegistration_ != nullptr) {
+    UnregisterCallback(serverRegistration_);
+    serverRegistration_ = nullptr;
+  }
+  delete collector_;
+  collector_ = nullptr;
+}
+
+unsigned int CNDMPConnection::OpenSocket(VxTcpSocket* socket) {
+  if (socket != nullptr) {
+    delete socket_;
+    socket_ = socket;
+    hostName_ = ipAddress_ = socket->getRemoteAddress().toIPAddress();
+    return 0;
+  }
+  delete socket_;
+  socket_ = new VxTcpSocket(1);
+  log_.debug("CNDMPConnection using Hostname=%s, IPAddress=%s, PortNumber=%d", hostName_.c_str(),
+             ipAddress_.c_str(), static_cast<int>(port_));
+  if (socket_->connect(VxSocketAddress(hostName_, port_, 1)) == 0) return 0;
+  if (socket_->connect(VxSocketAddress(ipAddress_, port_, 1)) == 0) return 0;
+  return CNDMPError::NDMP_CONNECT_ERR;
+}
+
+void CNDMPConnection::StartThreads() {
+  stream_ = new CXDRStream(*socket_, log_);
+  receiveThread_ = new CNDMPMessageReceiveThread(*stream_, receivedQueue_, log_, this);
+  CXDREnumBase<CNDMPProtocolVersion> version = GetProtocolVersion();
+  receiveThread_->SetProtocolVersion(version);
+  receiveThread_->SetReplyRouter(this);
+  receiveThread_->start();
+  dispatchThread_ = new CNDMPMessageDispatchThread(receivedQueue_, *this, log_);
+  dispatchThread_->start();
+  logHandler_.SetHandle(this);
+  logRegistration_ = CNDMPCallbackRegistrationTable::RegisterCallback(&logHandler_);
+}
+
+unsigned int CNDMPConnection::InitializeConnection(VxTcpSocket* socket) {
+  unsigned int r = OpenSocket(socket);
+  if (r != 0) return r;
+  StartThreads();
+  return 0;
+}
+
+CXDREnumBase<CNDMPError> CNDMPConnection::SetupProtocolVersion(
+    const CXDREnumBase<CNDMPProtocolVersion>& version) {
+  CNDMPConnectOpenRequest request;
+  request.ProtocolVersion = version;
+  CNDMPMessage* reply = nullptr;
+  CXDREnumBase<CNDMPError> result = SendMessage(request, &reply, kSetupTimeout);
+  if (result != CNDMPError::NDMP_NO_ERR) return result;
+  if (reply == nullptr) return CNDMPError::NDMP_UNDEFINED_ERR;
+  auto* open = dynamic_cast<CNDMPConnectOpenReply*>(reply);
+  result = open != nullptr ? open->NDMP_Error
+                           : CXDREnumBase<CNDMPError>(CNDMPError::NDMP_UNDEFINED_ERR);
+  FreeMessage(reply);
+  return result;
+}
+
+CXDREnumBase<CNDMPError> CNDMPConnection::ConnectWith(
+    const std::vector<CNDMPProtocolVersion::enum_value>& offers) {
+  if (connected_.load()) Disconnect();
+  if (InitializeConnection(nullptr) != 0) {
+    log_.error("[0x%08X] Failed to establish connection", Handle());
+    return CNDMPError::NDMP_CONNECT_ERR;
+  }
+  for (CNDMPProtocolVersion::enum_value offer : offers) {
+    CXDREnumBase<CNDMPProtocolVersion> version(offer);
+    if (SetupProtocolVersion(version) == CNDMPError::NDMP_NO_ERR) {
+      version_ = version.getInt32();
+      receiveThread_->SetProtocolVersion(version);
+      connected_ = true;
+      authenticated_ = false;
+      return CNDMPError::NDMP_NO_ERR;
+    }
+  }
+  Disconnect();
+  return CNDMPError::NDMP_CONNECT_ERR;
+}
+
+CXDREnumBase<CNDMPError> CNDMPConnection::Connect() {
+  return ConnectWith({CNDMPProtocolVersion::PROTOCOL_VERSION_4,
+                      CNDMPProtocolVersion::PROTOCOL_VERSION_3});
+}
+
+CXDREnumBase<CNDMPError> CNDMPConnection::Connect(
+    const CXDREnumBase<CNDMPProtocolVersion>& version) {
+  return ConnectWith({static_cast<CNDMPProtocolVersion::enum_value>(version.getInt32())});
+}
+
+CXDREnumBase<CNDMPError> CNDMPConnection::Disconnect() {
+  if (receiveThread_ != nullptr) {
+    receiveThread_->stop(false);
+    if (!receiveThread_->waitUntilStopped(250) && socket_ != nullptr) {
+      // A peer that stalls inside a record keeps the reader blocked: shut the
+      // connection down so that stopping never depends on the peer.
+      socket_->close();
+    }
+    delete receiveThread_;  // waits for the thread to end
+    receiveThread_ = nullptr;
+  }
+  if (dispatchThread_ != nullptr) {
+    dispatchThread_->stop(false);
+    receivedQueue_.Wake();
+    if (!dispatchThread_->waitUntilStopped(250) && socket_ != nullptr) {
+      // A callback is still waiting for a reply: ending the connection ends that wait.
+      socket_->close();
+    }
+    delete dispatchThread_;
+    dispatchThread_ = nullptr;
+  }
+  if (logRegistration_ != nullptr) {
+    CNDMPCallbackRegistrationTable::UnregisterCallback(logRegistration_);
+    logRegistration_ = nullptr;
+  }
+  {
+    VxGuard lock(writeMutex_);
+    delete stream_;
+    stream_ = nullptr;
+  }
+  if (socket_ != nullptr) {
+    socket_->close();
+    delete socket_;
+    socket_ = nullptr;
+  }
+  connected_ = false;
+  authenticated_ = false;
+  return CNDMPError::NDMP_NO_ERR;
+}
+
+unsigned int CNDMPConnection::StartServerMode() {
+  if (collector_ == nullptr) {
+    collector_ = new CNDMPMessagePacketCollector(serverQueue_);
+    serverRegistration_ = CNDMPCallbackRegistrationTable::RegisterCallback(collector_);
+  }
+  return 0;
+}
+
+bool CNDMPConnection::IsConnected() const {
+  return connected_.load() && socket_ != nullptr && socket_->isConnected();
+}
+
+const char* CNDMPConnection::SetHostName(const char* hostName) {
+  hostName_ = hostName != nullptr ? hostName : "";
+  return hostName_.c_str();
+}
+
+const char* CNDMPConnection::SetIPAddress(const char* ipAddress) {
+  // Intentionally the string's assignment from one character value.
+  if (ipAddress != nullptr) {
+    ipAddress_ = *ipAddress;
+  } else {
+    ipAddress_.clear();
+  }
+  return ipAddress_.c_str();
+}
+
+unsigned int CNDMPConnection::SetPort(unsigned int port) const {
+  port_ = port;
+  return port_;
+}
+
+CXDREnumBase<CNDMPProtocolVersion> CNDMPConnection::GetProtocolVersion() const {
+  return CXDREnumBase<CNDMPProtocolVersion>(version_.load());
+}
+
+unsigned int CNDMPConnection::GetNextSequence() { return ++sequence_; }
+
+void CNDMPConnection::FreeMessage(CNDMPMessage* message) { delete message; }
+
+CNDMPCallbackRegistration* CNDMPConnection::RegisterCallback(CINDMPCallback* handler) {
+  return CNDMPCallbackRegistrationTable::RegisterCallback(handler);
+}
+
+CNDMPCallbackRegistration* CNDMPConnection::RegisterCallback(
+    CINDMPCallback* handler, CXDREnumBase<enums::CNDMPMessageCode> code) {
+  return CNDMPCallbackRegistrationTable::RegisterCallback(handler, code);
+}
+
+CNDMPCallbackRegistration* CNDMPConnection::RegisterCallback(
+    CINDMPCallback* handler, CXDREnumBase<enums::CNDMPMessageCode> code, unsigned int sequence) {
+  return CNDMPCallbackRegistrationTable::RegisterCallback(handler, code, CXDRULong(sequence));
+}
+
+bool CNDMPConnection::UnregisterCallback(CNDMPCallbackRegistration* registration) {
+  return CNDMPCallbackRegistrationTable::UnregisterCallback(registration);
+}
+
+void CNDMPConnection::RoutePacket(CNDMPMessagePacket& packet) {
+  const CNDMPHeader& header = packet.GetHeader();
+  std::lock_guard<std::mutex> lock(waitersMutex_);
+  for (const CWaiter& w : waiters_) {
+    if (w.code == header.MessageCode.getInt32() && w.sequence == header.ReplySequence.getInt32()) {
+      w.handler->HandleMessagePacket(packet);
+    }
+  }
+}
+
+void CNDMPConnection::LogSendMessage(CNDMPMessagePacket& packet) {
+  if (log_.getLevel() > 6) {
+    if (log_.isEnabled(VxLog::kDebug)) {
+      log_.debug("[0x%08X] Sending %s", Handle(), packet.DumpContents().c_str());
+    }
+  } else if (log_.isEnabled(VxLog::kInfo)) {
+    log_.info("[0x%08X] Sending %s", Handle(),
+              packet.GetHeader().MessageCode.ToString().c_str());
+  }
+  log_.flush();
+}
+
+bool CNDMPConnection::WritePacket(CNDMPMessagePacket& packet, int* serialized) {
+  VxGuard lock(writeMutex_);
+  if (stream_ == nullptr) {
+    *serialized = 0;
+    return false;
+  }
+  *serialized = packet.Serialize(*stream_);
+  if (static_cast<unsigned int>(*serialized) == 0xFFFFFFFFu) return false;
+  return stream_->flushRecord() == 0;
+}
+
+CXDREnumBase<CNDMPError> CNDMPConnection::SendMessage(CNDMPMessage& message, CNDMPMessage** reply,
+                                                      unsigned int timeout) {
+  VxGuard lock(sendMutex_);
+  if (socket_ == nullptr || !socket_->isConnected()) return CNDMPError::NDMP_CONNECT_ERR;
+  CXDREnumBase<CNDMPProtocolVersion> version = GetProtocolVersion();
+  CNDMPMessagePacket packet(message.GetMessageCode(), message.GetMessageType(), version);
+  CNDMPHeader& header = packet.GetHeader();
+  header.Sequence = GetNextSequence();
+  header.TimeStamp = static_cast<unsigned int>(std::time(nullptr));
+
+  // Registered before anything is written, so that a reply arriving at once
+  // cannot be missed.
+  CNDMPBlockingCallbackHandler handler;
+  {
+    std::lock_guard<std::mutex> waitersLock(waitersMutex_);
+    waiters_.push_back(
+        CWaiter{header.MessageCode.getInt32(), header.Sequence.getInt32(), &handler});
+  }
+  auto unregister = [&] {
+    std::lock_guard<std::mutex> waitersLock(waitersMutex_);
+    for (auto it = waiters_.begin(); it != waiters_.end(); ++it) {
+      if (it->handler == &handler) {
+        waiters_.erase(it);
+        break;
+      }
+    }
+  };
+
+  message.SetProtocolVersion(version);
+  packet.AttachMessage(message);
+  packet.SetProtocolVersion(version);
+  LogSendMessage(packet);
+
+  int serialized = 0;
+  bool written = WritePacket(packet, &serialized);
+  if (static_cast<unsigned int>(serialized) == 0xFFFFFFFFu) {
+    unregister();
+    log_.error("[0x%08X] Failed to send message. Serial Size = %d", Handle(), serialized);
+    return CNDMPError::NDMP_XDR_ENCODE_ERR;
+  }
+  log_.flush();
+
+  unsigned int status = VX_WAIT_TIMEOUT;
+  if (written) {
+    unsigned int waits = timeout == 0 ? 9999 : timeout;
+    for (;;) {
+      status = handler.WaitForMessage(1);
+      if (status != VX_WAIT_TIMEOUT) break;
+      if (--waits == 0) break;
+      CXDRStream* stream = stream_;
+      if (stream == nullptr || !stream->IsConnected()) break;
+    }
+  }
+  unregister();
+  log_.flush();
+  if (status != 0) return CNDMPError::NDMP_TIMEOUT_ERR;
+
+  CNDMPMessagePacket& received = handler.GetReceivedPacket();
+  CXDREnumBase<CNDMPError> error = received.GetHeader().ErrorCode;
+  if (error != CNDMPError::NDMP_NO_ERR) return error;
+  if (reply == nullptr) {
+    log_.error(
+        "[0x%08X] Unable to assign reply to passed parameter. Please check function call "
+        "arguments",
+        Handle());
+    return CNDMPError::NDMP_ILLEGAL_ARGS_ERR;
+  }
+  *reply = received.ReleaseMessage();
+  return CNDMPError::NDMP_NO_ERR;
+}
+
+CXDREnumBase<CNDMPError> CNDMPConnection::SendMessage(CNDMPMessage& message,
+                                                      unsigned int replySequence) {
+  VxGuard lock(sendMutex_);
+  if (socket_ == nullptr || !socket_->isConnected()) return CNDMPError::NDMP_CONNECT_ERR;
+  CXDREnumBase<CNDMPProtocolVersion> version = GetProtocolVersion();
+  const bool isReply = message.GetMessageType() == CNDMPMessageType::NDMP_MESSAGE_REPLY;
+  CNDMPMessagePacket packet(message.GetMessageCode(), message.GetMessageType(), version);
+  CNDMPHeader& header = packet.GetHeader();
+  header.Sequence = GetNextSequence();
+  header.TimeStamp = static_cast<unsigned int>(std::time(nullptr));
+  header.ReplySequence = isReply ? replySequence : 0u;
+  message.SetProtocolVersion(version);
+  packet.AttachMessage(message);
+  packet.SetProtocolVersion(version);
+  // The server-information reply is deliberately sent without a log line.
+  if (header.MessageCode.ToString() != "NDMP_CONFIG_GET_SERVER_INFO") LogSendMessage(packet);
+
+  int serialized = 0;
+  bool written = WritePacket(packet, &serialized);
+  if (static_cast<unsigned int>(serialized) == 0xFFFFFFFFu) {
+    log_.error("[0x%08X] Failed to send message. Serial Size = %d", Handle(), serialized);
+    return CNDMPError::NDMP_XDR_ENCODE_ERR;
+  }
+  if (written && isReply) {
+    // How the serving side becomes connected and authenticated.
+    auto* generic = dynamic_cast<CNDMPGenericReply*>(&message);
+    const bool ok = generic != nullptr && generic->NDMP_Error == CNDMPError::NDMP_NO_ERR;
+    const unsigned int code = header.MessageCode.getInt32();
+    if (ok && code == enums::CNDMPMessageCode::NDMP_CONNECT_OPEN) connected_ = true;
+    if (ok && code == enums::CNDMPMessageCode::NDMP_CONNECT_CLIENT_AUTH) authenticated_ = true;
+  }
+  log_.flush();
+  return written ? CXDREnumBase<CNDMPError>(CNDMPError::NDMP_NO_ERR)
+                 : CXDREnumBase<CNDMPError>(CNDMPError::NDMP_CONNECT_ERR);
+}
+
+CXDREnumBase<CNDMPError> CNDMPConnection::SendNDMPError(
+    CXDREnumBase<CNDMPMessageType> type, CXDREnumBase<enums::CNDMPMessageCode> code,
+    CXDREnumBase<CNDMPError> error, unsigned int replySequence) {
+  CNDMPHeader header{CXDRULong(GetNextSequence())};
+  header.TimeStamp = static_cast<unsigned int>(std::time(nullptr));
+  header.ErrorCode = error;
+  header.MessageType = type;
+  header.MessageCode = code;
+  header.ReplySequence = replySequence;
+  VxGuard lock(writeMutex_);
+  if (stream_ == nullptr) return CNDMPError::NDMP_CONNECT_ERR;
+  if (static_cast<unsigned int>(header.Serialize(*stream_)) == 0xFFFFFFFFu) {
+    return CNDMPError::NDMP_XDR_ENCODE_ERR;
+  }
+  return stream_->flushRecord() == 0 ? CXDREnumBase<CNDMPError>(CNDMPError::NDMP_NO_ERR)
+                                     : CXDREnumBase<CNDMPError>(CNDMPError::NDMP_CONNECT_ERR);
+}
+
+void CNDMPConnection::SetCredentialProtector(CNDMPCredentialProtector protector) {
+  std::lock_guard<std::mutex> lock(ProtectorMutex());
+  protector_ = std::move(protector);
+}
+
+CNDMPCredentialProtector CNDMPConnection::CurrentProtector() const {
+  std::lock_guard<std::mutex> lock(ProtectorMutex());
+  return protector_ ? protector_ : DefaultProtector();
+}
+
+void CNDMPConnection::SetDefaultCredentialProtector(CNDMPCredentialProtector protector) {
+  std::lock_guard<std::mutex> lock(ProtectorMutex());
+  DefaultProtector() = std::move(protector);
+}
+
+}  // namespace com::vx::korvane::ndmpc

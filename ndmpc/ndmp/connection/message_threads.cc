@@ -1,0 +1,89 @@
+#include "ndmpc/ndmp/connection/message_threads.h"
+
+namespace com::vx::korvane::ndmpc {
+
+CNDMPMessageReceiveThread::CNDMPMessageReceiveThread(CXDRStream& stream,
+                                                     CNDMPMessagePacketQueue& queue, VxLog& log,
+                                                     void* handle)
+    : VxThread(0), stream_(stream), queue_(queue), log_(log), handle_(handle) {}
+
+CNDMPMessageReceiveThread::~CNDMPMessageReceiveThread() {
+  stop(false);
+  waitUntilStopped(VX_INFINITE);
+}
+
+CXDREnumBase<enums::CNDMPProtocolVersion>& CNDMPMessageReceiveThread::SetProtocolVersion(
+    CXDREnumBase<enums::CNDMPProtocolVersion>& version) {
+  version_ = version;
+  sharedVersion_.store(version.getInt32(), std::memory_order_release);
+  return version_;
+}
+
+int CNDMPMessageReceiveThread::run() {
+  const unsigned int handle = detail::Handle32(handle_);
+  log_.debug("[0x%08X] Message receive thread started", handle);
+  while (runnable()) {
+    if (stream_.IsAvailable()) {
+      auto* packet = new CNDMPMessagePacket();
+      packet->SetProtocolVersion(CXDREnumBase<enums::CNDMPProtocolVersion>(
+          sharedVersion_.load(std::memory_order_acquire)));
+      int ret = packet->DeSerialize(stream_);
+      if (stream_.GetBytesAvailable() != 0) {
+        log_.warning("[0x%08X] After receiving Message=%s, %d bytes discarded.", handle,
+                     packet->GetHeader().MessageCode.ToString().c_str(),
+                     stream_.GetBytesAvailable());
+        stream_.skipRecord();
+      }
+      // Whatever is left of the record (further fragments, unread chunks of
+      // a long last fragment) goes too, so that the next read starts at a
+      // record boundary.
+      if (!stream_.AtRecordEnd()) stream_.DiscardRecord();
+      if (ret == XDR_FAILURE) {
+        log_.error("[0x%08X] Error receiving message packet. Ret=%d", handle, ret);
+        delete packet;
+        continue;
+      }
+      // Any other result, NDMP errors included, is delivered on purpose.
+      if (router_ != nullptr) router_->RoutePacket(*packet);
+      queue_.PutMessagePacket(*packet);
+    } else if (!stream_.IsConnected()) {
+      break;
+    }
+  }
+  log_.debug("[0x%08X] Message receive thread closed", handle);
+  return 0;
+}
+
+CNDMPMessageDispatchThread::CNDMPMessageDispatchThread(CNDMPMessagePacketQueue& queue,
+                                                       CNDMPCallbackRegistrationTable& table,
+                                                       VxLog& log)
+    : VxThread(0), queue_(queue), table_(table), log_(log) {}
+
+CNDMPMessageDispatchThread::~CNDMPMessageDispatchThread() {
+  stop(false);
+  queue_.Wake();
+  waitUntilStopped(VX_INFINITE);
+}
+
+void CNDMPMessageDispatchThread::DispatchNext() {
+  CNDMPMessagePacket* packet = nullptr;
+  if (queue_.GetNextPacket(packet)) {
+    table_.DispatchPacket(*packet);
+    delete packet;
+  }
+}
+
+int CNDMPMessageDispatchThread::run() {
+  log_.debug("Dispatch Thread started");
+  while (runnable()) {
+    while (runnable() && queue_.GetFilledSize() == 0) queue_.WaitForPacket(1000);
+    if (runnable() && queue_.GetFilledSize() != 0) DispatchNext();
+  }
+  log_.debug("Dispatch Thread closing");
+  // Packets queued before the stop are still delivered, deliberately.
+  while (queue_.GetFilledSize() != 0) DispatchNext();
+  log_.debug("Dispatch Thread closed");
+  return 0;
+}
+
+}  // namespace com::vx::korvane::ndmpc

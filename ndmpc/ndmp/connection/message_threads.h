@@ -1,0 +1,70 @@
+// The two worker threads of a connection.
+//
+// CNDMPMessageReceiveThread is the only reader of the connection's stream:
+// it decodes each record into a packet and queues it. Before queueing, it
+// offers each packet to an optional reply router, so that a thread blocked
+// on a request gets its reply at once, without waiting for the dispatch
+// thread (which may itself be busy in a callback that sent that request).
+//
+// CNDMPMessageDispatchThread is the only consumer of the queue: it offers
+// each packet to the callback table, in arrival order, then destroys it.
+#pragma once
+
+#include "ndmpc/foundation/vx_log.h"
+#include "ndmpc/foundation/vx_thread.h"
+#include "ndmpc/ndmp/connection/packet_queue.h"
+#include "ndmpc/xdr/xdr_stream.h"
+
+namespace com::vx::korvane::ndmpc {
+
+// Receives every decoded packet before it is queued (on the receive thread).
+class CINDMPReplyRouter {
+ public:
+  virtual void RoutePacket(CNDMPMessagePacket& packet) = 0;
+  virtual ~CINDMPReplyRouter() = default;
+};
+
+class CNDMPMessageReceiveThread : public VxThread {
+ public:
+  // `handle` identifies the owning connection in log lines.
+  CNDMPMessageReceiveThread(CXDRStream& stream, CNDMPMessagePacketQueue& queue, VxLog& log,
+                            void* handle);
+  ~CNDMPMessageReceiveThread() override;
+
+  // The version under which later packets are decoded; returns the member.
+  CXDREnumBase<enums::CNDMPProtocolVersion>& SetProtocolVersion(
+      CXDREnumBase<enums::CNDMPProtocolVersion>& version);
+  void SetReplyRouter(CINDMPReplyRouter* router) { router_ = router; }
+
+ protected:
+  int run() override;
+
+ private:
+  CXDRStream& stream_;
+  CNDMPMessagePacketQueue& queue_;
+  CXDREnumBase<enums::CNDMPProtocolVersion> version_{
+      enums::CNDMPProtocolVersion::PROTOCOL_VERSION_4};
+  std::atomic<std::uint32_t> sharedVersion_{4};  // what the thread reads
+  VxLog& log_;
+  void* handle_;
+  CINDMPReplyRouter* router_ = nullptr;
+};
+
+class CNDMPMessageDispatchThread : public VxThread {
+ public:
+  CNDMPMessageDispatchThread(CNDMPMessagePacketQueue& queue,
+                             CNDMPCallbackRegistrationTable& table, VxLog& log);
+  ~CNDMPMessageDispatchThread() override;
+
+ protected:
+  int run() override;
+
+ private:
+  void DispatchNext();
+
+  CNDMPMessagePacketQueue& queue_;
+  CNDMPCallbackRegistrationTable& table_;
+  VxLog& log_;
+};
+
+}  // namespace com::vx::korvane::ndmpc
