@@ -1,0 +1,330 @@
+// The foundation layer: events and threads, socket status codes at the end
+// of a connection, connecting by name and address, and the logger.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ndmpc/foundation/vx_log.h"
+#include "ndmpc/foundation/vx_socket.h"
+#include "ndmpc/foundation/vx_thread.h"
+#include "tests/support/wire_support.h"
+
+namespace com::vx::korvane::ndmpc {
+namespace {
+
+using testing::CCapturingLog;
+using testing::CLoopbackTcp;
+using testing::kWaitMs;
+
+TEST(ThreadEvent, AutoResetReleasesOneWaitAndClears) {
+  VxThreadEvent event(VxThreadEvent::kAutoReset, false);
+  EXPECT_EQ(event.wait(10), VX_WAIT_TIMEOUT);
+  EXPECT_EQ(VX_WAIT_TIMEOUT, 0xC1001000u);
+  event.set();
+  EXPECT_TRUE(event.isSet());
+  EXPECT_EQ(event.wait(0), 0u);
+  EXPECT_FALSE(event.isSet());
+  EXPECT_EQ(event.wait(10), VX_WAIT_TIMEOUT);
+
+  VxThreadEvent initially(VxThreadEvent::kAutoReset, true);
+  EXPECT_EQ(initially.wait(0), 0u);
+  EXPECT_EQ(initially.wait(0), VX_WAIT_TIMEOUT);
+}
+
+TEST(ThreadEvent, AutoResetWakesWaitersOneSetAtATime) {
+  VxThreadEvent event(VxThreadEvent::kAutoReset, false);
+  VxThreadEvent progress(VxThreadEvent::kManualReset, false);
+  std::atomic<int> released{0};
+  auto waiter = [&] {
+    if (event.wait(kWaitMs) == 0) ++released;
+    progress.set();
+  };
+  std::thread first(waiter);
+  std::thread second(waiter);
+  event.set();
+  ASSERT_EQ(progress.wait(kWaitMs), 0u);
+  EXPECT_FALSE(event.isSet());  // taken by the released waiter
+  event.set();
+  first.join();
+  second.join();
+  EXPECT_EQ(released.load(), 2);
+  EXPECT_FALSE(event.isSet());
+}
+
+TEST(ThreadEvent, ManualResetReleasesEveryWaiterUntilReset) {
+  VxThreadEvent event(VxThreadEvent::kManualReset, false);
+  std::atomic<int> released{0};
+  std::vector<std::thread> waiters;
+  for (int i = 0; i < 4; ++i) {
+    waiters.emplace_back([&] {
+      if (event.wait(kWaitMs) == 0) ++released;
+    });
+  }
+  event.set();
+  for (auto& t : waiters) t.join();
+  EXPECT_EQ(released.load(), 4);
+  EXPECT_EQ(event.wait(0), 0u);
+  EXPECT_TRUE(event.isSet());
+  event.reset();
+  EXPECT_EQ(event.wait(10), VX_WAIT_TIMEOUT);
+}
+
+TEST(ThreadEvent, MinusOneWaitsWithoutLimit) {
+  for (unsigned int forever : {VX_INFINITE, static_cast<unsigned int>(-1)}) {
+    VxThreadEvent event(VxThreadEvent::kAutoReset, false);
+    std::atomic<unsigned int> result{1};
+    std::thread waiter([&] { result = event.wait(forever); });
+    event.set();
+    waiter.join();
+    EXPECT_EQ(result.load(), 0u);
+  }
+}
+
+class CLoopThread : public VxThread {
+ public:
+  VxThreadEvent started{VxThreadEvent::kManualReset, false};
+  VxThreadEvent release{VxThreadEvent::kManualReset, true};
+  std::atomic<int> loops{0};
+
+ protected:
+  int run() override {
+    started.set();
+    release.wait(kWaitMs);
+    while (runnable()) {
+      ++loops;
+      VxThread::sleep(1);
+    }
+    return 0;
+  }
+};
+
+TEST(Thread, StopsWithinWaitUntilStopped) {
+  CLoopThread thread;
+  EXPECT_TRUE(thread.waitUntilStopped(0));  // never started
+  ASSERT_TRUE(thread.start());
+  EXPECT_FALSE(thread.start());  // already running
+  ASSERT_EQ(thread.started.wait(kWaitMs), 0u);
+  EXPECT_TRUE(thread.isRunning());
+  thread.stop(false);
+  EXPECT_TRUE(thread.waitUntilStopped(kWaitMs));
+  EXPECT_FALSE(thread.isRunning());
+  // It can run again after it ended.
+  ASSERT_TRUE(thread.start());
+  thread.stop(true);
+  EXPECT_FALSE(thread.isRunning());
+}
+
+TEST(Thread, WaitUntilStoppedTimesOutWhileRunKeepsGoing) {
+  CLoopThread thread;
+  thread.release.reset();
+  ASSERT_TRUE(thread.start());
+  ASSERT_EQ(thread.started.wait(kWaitMs), 0u);
+  thread.stop(false);
+  EXPECT_FALSE(thread.waitUntilStopped(20));  // run() is held at `release`
+  EXPECT_TRUE(thread.isRunning());
+  thread.release.set();
+  EXPECT_TRUE(thread.waitUntilStopped(VX_INFINITE));
+  EXPECT_FALSE(thread.isRunning());
+}
+
+TEST(TcpSocket, ReportsEndOfDataAndWaitForInputSeesIt) {
+  CLoopbackTcp tcp;
+  ASSERT_TRUE(tcp.ok());
+  ASSERT_TRUE(tcp.PeerWrite({1, 2}));
+  tcp.PeerClose();
+  EXPECT_EQ(tcp.socket.waitForInput(kWaitMs), 0u);
+  unsigned char buffer[4];
+  unsigned int got = 99;
+  EXPECT_EQ(tcp.socket.read(buffer, 4, &got), VX_SOCKET_END_OF_DATA);
+  EXPECT_EQ(VX_SOCKET_END_OF_DATA, 0xC100100Du);
+  EXPECT_EQ(got, 2u);
+  EXPECT_EQ(buffer[1], 2);
+  EXPECT_FALSE(tcp.socket.isConnected());
+  EXPECT_EQ(tcp.socket.waitForInput(kWaitMs), 0u);
+  EXPECT_EQ(tcp.socket.read(buffer, 1, &got), VX_SOCKET_END_OF_DATA);
+  EXPECT_EQ(got, 0u);
+}
+
+TEST(TcpSocket, ReportsResetByPeer) {
+  CLoopbackTcp tcp;
+  ASSERT_TRUE(tcp.ok());
+  tcp.PeerReset();
+  EXPECT_EQ(tcp.socket.waitForInput(kWaitMs), 0u);
+  unsigned char buffer[4];
+  unsigned int got = 99;
+  EXPECT_EQ(tcp.socket.read(buffer, 4, &got), 10054u);
+  EXPECT_EQ(got, 0u);
+}
+
+TEST(TcpSocket, WaitForInputTimesOutOnAnIdleConnection) {
+  CLoopbackTcp tcp;
+  ASSERT_TRUE(tcp.ok());
+  EXPECT_EQ(tcp.socket.waitForInput(10), VX_SOCKET_TIMEOUT);
+  ASSERT_TRUE(tcp.PeerWrite({5}));
+  EXPECT_EQ(tcp.socket.waitForInput(kWaitMs), 0u);
+}
+
+TEST(TcpSocket, LocalCloseEndsReadsAndWrites) {
+  CLoopbackTcp tcp;
+  ASSERT_TRUE(tcp.ok());
+  tcp.socket.close();
+  EXPECT_FALSE(tcp.socket.isConnected());
+  unsigned int got = 99;
+  EXPECT_EQ(tcp.socket.write("x", 1, &got), VX_SOCKET_ABORTED);
+  EXPECT_EQ(got, 0u);
+  EXPECT_NE(tcp.socket.waitForInput(10), 0u);
+  EXPECT_TRUE(tcp.PeerReadAll().empty());  // the peer sees the end
+}
+
+// Accepts one connection on `host` and checks that connecting to `target`
+// reaches it. Returns false when `host` cannot listen here.
+bool ConnectsThrough(const VxString& host, const VxString& target, VxString* remote) {
+  VxTcpListener listener;
+  if (listener.listen(host, 0) != 0) return false;
+  VxTcpSocket client;
+  VxTcpSocket served;
+  EXPECT_EQ(client.connect(VxSocketAddress(target, listener.port()), kWaitMs), 0u) << target;
+  EXPECT_EQ(listener.accept(served, kWaitMs), 0u) << target;
+  EXPECT_TRUE(client.isConnected());
+  unsigned int got = 0;
+  EXPECT_EQ(client.write("ping", 4, &got), 0u);
+  char buffer[4] = {};
+  EXPECT_EQ(served.read(buffer, 4, &got), 0u);
+  EXPECT_EQ(std::string(buffer, 4), "ping");
+  *remote = client.getRemoteAddress().toIPAddress();
+  EXPECT_EQ(client.getRemoteAddress().port(), listener.port());
+  return true;
+}
+
+TEST(TcpSocket, ConnectsByNameAndByAddress) {
+  VxString remote;
+  ASSERT_TRUE(ConnectsThrough("127.0.0.1", "127.0.0.1", &remote));
+  EXPECT_EQ(remote, "127.0.0.1");
+  ASSERT_TRUE(ConnectsThrough("127.0.0.1", "localhost", &remote));
+  EXPECT_EQ(remote, "127.0.0.1");
+  if (!ConnectsThrough("::1", "::1", &remote)) {
+    GTEST_SKIP() << "no IPv6 loopback here";
+  }
+  EXPECT_EQ(remote, "::1");
+}
+
+TEST(TcpSocket, ConnectToAClosedPortIsRefused) {
+  unsigned int port;
+  {
+    VxTcpListener listener;
+    ASSERT_EQ(listener.listen("127.0.0.1", 0), 0u);
+    port = listener.port();
+  }
+  VxTcpSocket socket;
+  unsigned int status = socket.connect(VxSocketAddress("127.0.0.1", port), kWaitMs);
+  EXPECT_NE(status, 0u);
+  EXPECT_NE(status, VX_SOCKET_TIMEOUT);  // refused, not waited out
+  EXPECT_FALSE(socket.isConnected());
+  EXPECT_NE(socket.connect(VxSocketAddress("", port), kWaitMs), 0u);
+}
+
+TEST(TcpListener, AcceptTimesOutWithoutAClient) {
+  VxTcpListener listener;
+  ASSERT_EQ(listener.listen("127.0.0.1", 0), 0u);
+  EXPECT_NE(listener.port(), 0u);
+  VxTcpSocket socket;
+  EXPECT_EQ(listener.accept(socket, 20), VX_SOCKET_TIMEOUT);
+}
+
+TEST(Log, FiltersByLevel) {
+  CCapturingLog log;
+  struct Case {
+    int level;
+    std::vector<VxLog::Severity> kept;
+  };
+  const Case cases[] = {
+      {0, {}},
+      {1, {VxLog::kError}},
+      {2, {VxLog::kError, VxLog::kWarning}},
+      {3, {VxLog::kError, VxLog::kWarning, VxLog::kInfo}},
+      {4, {VxLog::kError, VxLog::kWarning, VxLog::kInfo, VxLog::kDebug}},
+      {7, {VxLog::kError, VxLog::kWarning, VxLog::kInfo, VxLog::kDebug}},
+  };
+  for (const Case& c : cases) {
+    log.Clear();
+    log.setLevel(c.level);
+    log.error("e");
+    log.warning("w");
+    log.info("i");
+    log.debug("d");
+    std::vector<VxLog::Severity> kept;
+    for (auto& line : log.Lines()) kept.push_back(line.first);
+    EXPECT_EQ(kept, c.kept) << "level " << c.level;
+  }
+  VxLog plain;
+  EXPECT_EQ(plain.getLevel(), 2);
+}
+
+TEST(Log, FormatsWideLabelsAndLongLines) {
+  CCapturingLog log;
+  const wchar_t label[] = L"(CXDRStream::readInputBuffer)";
+  log.warning("%ls Detected NO_MORE_DATA. Closing socket.", label);
+  const std::string longText(3000, 'q');
+  log.error("%s|%d", longText.c_str(), 42);
+  auto texts = log.Texts();
+  ASSERT_EQ(texts.size(), 2u);
+  EXPECT_EQ(texts[0], "(CXDRStream::readInputBuffer) Detected NO_MORE_DATA. Closing socket.");
+  EXPECT_EQ(texts[1], longText + "|42");
+}
+
+TEST(Log, SinkReceivesWholeLines) {
+  VxLog log;
+  log.setLevel(4);
+  std::vector<std::pair<VxLog::Severity, std::string>> seen;
+  log.setSink([&](VxLog::Severity s, const char* text) { seen.emplace_back(s, text); });
+  log.info("a %d", 1);
+  log.debug("b");
+  EXPECT_EQ(seen, (std::vector<std::pair<VxLog::Severity, std::string>>{{VxLog::kInfo, "a 1"},
+                                                                        {VxLog::kDebug, "b"}}));
+}
+
+// Every line is "<letter>" repeated, then the letter's count; a line mixed
+// from two writers fails the check.
+TEST(Log, LinesFromManyThreadsAreNeverInterleaved) {
+  char path[] = "/tmp/ndmpc_log_XXXXXX";
+  int fd = mkstemp(path);
+  ASSERT_GE(fd, 0);
+  ::close(fd);
+  constexpr int kThreads = 8;
+  constexpr int kLines = 200;
+  {
+    VxLog log(path);
+    std::vector<std::thread> writers;
+    for (int t = 0; t < kThreads; ++t) {
+      writers.emplace_back([&log, t] {
+        const std::string body(700, static_cast<char>('a' + t));
+        for (int i = 0; i < kLines; ++i) log.warning("<%s|%d>", body.c_str(), i);
+      });
+    }
+    for (auto& w : writers) w.join();
+    log.flush();
+  }
+  std::ifstream in(path);
+  std::string line;
+  int count = 0;
+  while (std::getline(in, line)) {
+    ++count;
+    std::size_t open = line.find('<');
+    ASSERT_NE(open, std::string::npos) << line;
+    ASSERT_EQ(line.back(), '>') << line;
+    const char letter = line[open + 1];
+    EXPECT_EQ(line.find_first_not_of(letter, open + 1), open + 701) << line.substr(0, 80);
+    EXPECT_EQ(line[open + 701], '|');
+  }
+  EXPECT_EQ(count, kThreads * kLines);
+  std::remove(path);
+}
+
+}  // namespace
+}  // namespace com::vx::korvane::ndmpc
