@@ -230,6 +230,14 @@ CXDREnumBase<CNDMPProtocolVersion> CNDMPConnection::GetProtocolVersion() const {
   return CXDREnumBase<CNDMPProtocolVersion>(version_.load());
 }
 
+void CNDMPConnection::SetProtocolVersion(const CXDREnumBase<CNDMPProtocolVersion>& version) {
+  version_ = version.getInt32();
+  if (receiveThread_ != nullptr) {
+    CXDREnumBase<CNDMPProtocolVersion> copy(version);
+    receiveThread_->SetProtocolVersion(copy);
+  }
+}
+
 unsigned int CNDMPConnection::GetNextSequence() { return ++sequence_; }
 
 void CNDMPConnection::FreeMessage(CNDMPMessage* message) { delete message; }

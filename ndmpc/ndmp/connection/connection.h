@@ -85,6 +85,9 @@ class CNDMPConnection : public CNDMPCallbackRegistrationTable, private CINDMPRep
   // The serving side's queue of received packets.
   CNDMPMessagePacketQueue& GetPacketQueue() { return serverQueue_; }
   CXDREnumBase<enums::CNDMPProtocolVersion> GetProtocolVersion() const;
+  // Sets the version under which packets are encoded and decoded from now
+  // on; the serving side calls it once it has accepted a client's offer.
+  void SetProtocolVersion(const CXDREnumBase<enums::CNDMPProtocolVersion>& version);
   // The next sequence number: 1, 2, 3 ...
   unsigned int GetNextSequence();
   // Frees a reply body returned by SendMessage; null is ignored.
