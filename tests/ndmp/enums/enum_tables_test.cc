@@ -349,8 +349,8 @@ TEST_P(EnumTables, NumbersWithoutARowAreUnknown) {
 }
 
 INSTANTIATE_TEST_SUITE_P(AllClasses, EnumTables, ::testing::ValuesIn(kCases),
-                         [](const ::testing::TestParamInfo<CEnumCase>& info) {
-                           return std::string(info.param.name);
+                         [](const ::testing::TestParamInfo<CEnumCase>& param) {
+                           return std::string(param.param.name);
                          });
 
 TEST(EnumCatalogue, CoverEveryEnumerationClassOnce) {
