@@ -1,0 +1,514 @@
+#include "ndmpc/ndmp/messages/connect_config_messages.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <memory>
+#include <string>
+#include <typeinfo>
+#include <unistd.h>
+#include <vector>
+
+#include "ndmpc/ndmp/messages/message_access.h"
+#include "tests/support/wire_support.h"
+
+namespace com::vx::korvane::ndmpc {
+namespace {
+
+using testing::Bytes;
+using testing::CaptureRecordBytes;
+using testing::Concat;
+using testing::DecodeValue;
+using testing::EncodeValue;
+using testing::Hex;
+using testing::StripRecordMarks;
+using Auth = enums::CNDMPEnumAuthType;
+
+std::vector<unsigned char> Counting(unsigned int length, unsigned char first = 1) {
+  std::vector<unsigned char> bytes(length);
+  for (unsigned int i = 0; i < length; ++i) bytes[i] = static_cast<unsigned char>(first + i);
+  return bytes;
+}
+
+void SetOpaque(CXDROpaque& opaque, const std::vector<unsigned char>& bytes) {
+  opaque.SetData(bytes.data(), bytes.size());
+}
+
+std::vector<unsigned char> OpaqueBytes(const CXDROpaque& opaque) {
+  const auto* data = static_cast<const unsigned char*>(opaque.GetData());
+  return std::vector<unsigned char>(data, data + opaque.GetSize());
+}
+
+// "abc" as an XDR string: length word, bytes, zero padding.
+std::vector<unsigned char> XdrString(const std::string& text) {
+  std::vector<unsigned char> bytes = Bytes({0, 0, 0, static_cast<int>(text.size())});
+  bytes.insert(bytes.end(), text.begin(), text.end());
+  while (bytes.size() % 4 != 0) bytes.push_back(0);
+  return bytes;
+}
+
+TEST(ConnectConfigMessages, ArgumentlessRequestsAreTheHeaderAlone) {
+  const std::vector<std::pair<const char*, std::function<CNDMPMessage*()>>> requests = {
+      {"ConnectClose", [] { return new CNDMPConnectCloseRequest; }},
+      {"ConfigGetHostInfo", [] { return new CNDMPConfigGetHostInfoRequest; }},
+      {"ConfigGetConnectionType", [] { return new CNDMPConfigGetConnectionTypeRequest; }},
+      {"ConfigGetServerInfo", [] { return new CNDMPConfigGetServerInfoRequest; }},
+      {"ConfigGetButypeAttr", [] { return new CNDMPConfigGetButypeAttrRequest; }},
+      {"ConfigGetFsInfo", [] { return new CNDMPConfigGetFsInfoRequest; }},
+      {"ConfigGetTapeInfo", [] { return new CNDMPConfigGetTapeInfoRequest; }},
+      {"ConfigGetSCSIInfo", [] { return new CNDMPConfigGetSCSIInfoRequest; }},
+      {"ConfigGetExtList", [] { return new CNDMPConfigGetExtListRequest; }},
+  };
+  for (const auto& [name, make] : requests) {
+    SCOPED_TRACE(name);
+    std::unique_ptr<CNDMPMessage> request(make());
+    EXPECT_TRUE(EncodeValue(*request).empty());
+    EXPECT_EQ(request->SerializeSize(), 0u);
+  }
+
+  CNDMPMessagePacket packet(enums::CNDMPMessageCode::NDMP_CONFIG_GET_HOST_INFO,
+                            enums::CNDMPMessageType::NDMP_MESSAGE_REQUEST,
+                            enums::CNDMPProtocolVersion::PROTOCOL_VERSION_4);
+  packet.GetHeader().Sequence = 9;
+  packet.SetMessage(CNDMPConfigGetHostInfoRequest());
+  auto wire = StripRecordMarks(CaptureRecordBytes([&](CXDRStream& stream) {
+    packet.Serialize(stream);
+    stream.flushRecord();
+  }));
+  EXPECT_EQ(Hex(wire), Hex(Bytes({0, 0, 0, 9, 0, 0, 0, 0, 0, 0, 0, 0,  //
+                                  0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0})));
+}
+
+TEST(ConnectConfigMessages, ClientAuthEncodesTheArmOfItsType) {
+  CNDMPConnectClientAuthRequest none;
+  EXPECT_EQ(Hex(EncodeValue(none)), Hex(Bytes({0, 0, 0, 0})));
+
+  CNDMPConnectClientAuthRequest text(Auth::NDMP_AUTH_TEXT);
+  text.AuthenticationData.TextAuthenticationData.AuthenticationID = "bob";
+  text.AuthenticationData.TextAuthenticationData.AuthenticationPassword = "secret";
+  EXPECT_EQ(Hex(EncodeValue(text)),
+            Hex(Concat({Bytes({0, 0, 0, 1}), XdrString("bob"), XdrString("secret")})));
+
+  // The digest is fixed-length: 16 bytes with no length word before them.
+  CNDMPConnectClientAuthRequest md5(Auth::NDMP_AUTH_MD5);
+  md5.AuthenticationData.MD5AuthenticationData.AuthenticationID = "root";
+  SetOpaque(md5.AuthenticationData.MD5AuthenticationData.AuthenticationDigest, Counting(16));
+  const auto md5Bytes = Concat({Bytes({0, 0, 0, 2}), XdrString("root"), Counting(16)});
+  EXPECT_EQ(Hex(EncodeValue(md5)), Hex(md5Bytes));
+  EXPECT_EQ(md5.SerializeSize(), md5Bytes.size());
+}
+
+TEST(ConnectConfigMessages, AuthAttrCarriesTheChallengeOnlyForMd5) {
+  struct Case {
+    Auth::enum_value type;
+    std::size_t length;
+  };
+  for (const Case& c : {Case{Auth::NDMP_AUTH_NONE, 4}, Case{Auth::NDMP_AUTH_TEXT, 4},
+                        Case{Auth::NDMP_AUTH_MD5, 68}}) {
+    SCOPED_TRACE(c.type);
+    CNDMPAuthAttr attr(c.type);
+    SetOpaque(attr.Challenge, Counting(64));
+    auto bytes = EncodeValue(attr);
+    ASSERT_EQ(bytes.size(), c.length);
+    EXPECT_EQ(attr.SerializeSize(), c.length);
+    EXPECT_EQ(Hex(std::vector<unsigned char>(bytes.begin(), bytes.begin() + 4)),
+              Hex(Bytes({0, 0, 0, static_cast<int>(c.type)})));
+    if (c.length == 68) {
+      EXPECT_EQ(Hex(std::vector<unsigned char>(bytes.begin() + 4, bytes.end())),
+                Hex(Counting(64)));
+    }
+  }
+  // The default type of each union member as the messages create them.
+  CNDMPConfigGetAuthAttrReply attrReply;
+  CNDMPConnectServerAuthRequest serverAuth;
+  CNDMPConnectServerAuthReply serverAuthReply;
+  CNDMPConnectOpenRequest open;
+  EXPECT_EQ(EncodeValue(attrReply).size(), 4u + 68u);
+  EXPECT_EQ(EncodeValue(serverAuth).size(), 68u);
+  EXPECT_EQ(Hex(EncodeValue(serverAuthReply)), Hex(Bytes({0, 0, 0, 0, 0, 0, 0, 0})));
+  EXPECT_EQ(Hex(EncodeValue(open)), Hex(Bytes({0, 0, 0, 4})));
+}
+
+TEST(ConnectConfigMessages, DecodedUnionFollowsTheReceivedType) {
+  // The factory's request starts as type NONE; MD5 data arrives.
+  std::unique_ptr<CNDMPMessage> made(
+      CNDMPMessageAccess::Make(enums::CNDMPMessageCode::NDMP_CONNECT_CLIENT_AUTH, 0));
+  ASSERT_NE(made, nullptr);
+  auto* request = dynamic_cast<CNDMPConnectClientAuthRequest*>(made.get());
+  ASSERT_NE(request, nullptr);
+  const auto md5Bytes = Concat({Bytes({0, 0, 0, 2}), XdrString("root"), Counting(16, 0xA0)});
+  EXPECT_EQ(DecodeValue(md5Bytes, *request), 0);
+  const CNDMPAuthMD5& md5 = request->AuthenticationData.MD5AuthenticationData;
+  EXPECT_EQ(request->AuthenticationData.AuthenticationType, Auth::NDMP_AUTH_MD5);
+  EXPECT_EQ(md5.AuthenticationID.GetString(), "root");
+  EXPECT_EQ(Hex(OpaqueBytes(md5.AuthenticationDigest)), Hex(Counting(16, 0xA0)));
+  EXPECT_EQ(Hex(EncodeValue(*request)), Hex(md5Bytes));
+
+  // An MD5 attribute that receives type NONE shrinks to the type word.
+  CNDMPAuthAttr attr(Auth::NDMP_AUTH_MD5);
+  EXPECT_EQ(DecodeValue(Bytes({0, 0, 0, 0}), attr), 0);
+  EXPECT_EQ(attr.SerializeSize(), 4u);
+  EXPECT_EQ(Hex(EncodeValue(attr)), Hex(Bytes({0, 0, 0, 0})));
+}
+
+TEST(ConnectConfigMessages, TypeSetAfterFirstUseSelectsTheNewArm) {
+  // The connection builds the request first and sets the type afterwards.
+  CNDMPConnectClientAuthRequest request;
+  EXPECT_EQ(request.SerializeSize(), 4u);
+  request.AuthenticationData.AuthenticationType = Auth::NDMP_AUTH_TEXT;
+  request.AuthenticationData.TextAuthenticationData.AuthenticationID = "u";
+  request.AuthenticationData.TextAuthenticationData.AuthenticationPassword = "p";
+  EXPECT_EQ(Hex(EncodeValue(request)),
+            Hex(Concat({Bytes({0, 0, 0, 1}), XdrString("u"), XdrString("p")})));
+}
+
+TEST(ConnectConfigMessages, ServerInfoWithEmptyAuthListDecodesToEmptyArray) {
+  CNDMPConfigGetServerInfoReply reply;
+  reply.AuthenticationTypes.AddItem(Auth::NDMP_AUTH_MD5);
+  reply.AuthenticationTypes.AddItem(Auth::NDMP_AUTH_TEXT);
+  const auto bytes =
+      Concat({Bytes({0, 0, 0, 0}), XdrString("V"), XdrString("P"), XdrString("1.0"),
+              Bytes({0, 0, 0, 0})});
+  EXPECT_EQ(DecodeValue(bytes, reply), 0);
+  EXPECT_EQ(reply.AuthenticationTypes.size(), 0u);
+  EXPECT_EQ(reply.RevisionNumber.GetString(), "1.0");
+}
+
+TEST(ConnectConfigMessages, DumpsNamesNestingAndSpelling) {
+  CNDMPConnectClientAuthRequest text(Auth::NDMP_AUTH_TEXT);
+  text.AuthenticationData.TextAuthenticationData.AuthenticationID = "bob";
+  text.AuthenticationData.TextAuthenticationData.AuthenticationPassword = "secret";
+  EXPECT_EQ(text.DumpContents(0),
+            "\nAuthenticationData = \n{"
+            "\n    AuthenticationType = 0x1:NDMP_AUTH_TEXT"
+            "\n    TextAuthenticationData = \n    {"
+            "\n        AuthenticationID = \"bob\""
+            "\n        AuthenticationPassword = \"secret\""
+            "\n    }"
+            "\n}");
+
+  CNDMPConfigGetServerInfoReply info;
+  info.VenderName = "V";
+  info.ProductName = "P";
+  info.RevisionNumber = "1";
+  info.AuthenticationTypes.AddItem(Auth::NDMP_AUTH_NONE);
+  info.AuthenticationTypes.AddItem(Auth::NDMP_AUTH_MD5);
+  EXPECT_EQ(info.DumpContents(0),
+            "\nError = 0x0:NDMP_NO_ERR"
+            "\nVenderName = \"V\""
+            "\nProductName = \"P\""
+            "\nRevisionNumber = \"1\""
+            "\nAuthenticationTypes = \n{"
+            "\n    0x0:NDMP_AUTH_NONE"
+            "\n    0x2:NDMP_AUTH_MD5"
+            "\n}");
+}
+
+// MD5 of `data` computed by the openssl command; empty when it is not available.
+std::vector<unsigned char> OpensslMd5(const std::vector<unsigned char>& data) {
+  char path[] = "/tmp/ndmpc_md5_XXXXXX";
+  int fd = mkstemp(path);
+  if (fd < 0) return {};
+  bool written = write(fd, data.data(), data.size()) == static_cast<ssize_t>(data.size());
+  close(fd);
+  std::vector<unsigned char> digest;
+  if (written) {
+    const std::string command = std::string("openssl dgst -md5 -binary < ") + path + " 2>/dev/null";
+    if (FILE* pipe = popen(command.c_str(), "r")) {
+      unsigned char buffer[64];
+      std::size_t n = fread(buffer, 1, sizeof(buffer), pipe);
+      if (pclose(pipe) == 0 && n == 16) digest.assign(buffer, buffer + n);
+    }
+  }
+  unlink(path);
+  return digest;
+}
+
+TEST(AuthMD5, ComputeDigestHashesTheFixedBlockLayout) {
+  if (std::system("command -v openssl >/dev/null 2>&1") != 0) {
+    GTEST_SKIP() << "openssl is not installed";
+  }
+  struct Case {
+    const char* name;
+    std::string password;
+    std::vector<unsigned char> challenge;
+    std::vector<unsigned char> block;  // the 128 bytes that must be hashed
+  };
+  auto block = [](std::initializer_list<std::pair<std::size_t, std::vector<unsigned char>>> parts) {
+    std::vector<unsigned char> b(128, 0);
+    for (const auto& [at, bytes] : parts) std::copy(bytes.begin(), bytes.end(), b.begin() + at);
+    return b;
+  };
+  auto text = [](const std::string& s) { return std::vector<unsigned char>(s.begin(), s.end()); };
+  const std::string long70(70, 'x');
+  const std::vector<Case> cases = {
+      // Password at 0..5, challenge at 58..121, password again at 122..127.
+      {"six-byte password", "secret", Counting(64, 0x80),
+       block({{0, text("secret")}, {58, Counting(64, 0x80)}, {122, text("secret")}})},
+      {"empty password", "", Counting(64, 0x80), block({{64, Counting(64, 0x80)}})},
+      // A longer challenge is cut at the block's end.
+      {"long challenge", "abc", Counting(100, 1),
+       block({{0, text("abc")}, {61, Counting(67, 1)}})},
+      // A challenge shorter than the gap leaves the second copy intact.
+      {"short challenge", "abc", Counting(10, 1),
+       block({{0, text("abc")}, {61, Counting(10, 1)}, {125, text("abc")}})},
+      // Over 64 bytes the password is cut to 64: challenge first, then the copy.
+      {"70-byte password", long70, Counting(64, 0x80),
+       block({{0, Counting(64, 0x80)}, {64, text(long70.substr(0, 64))}})},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::vector<unsigned char> expected = OpensslMd5(c.block);
+    ASSERT_EQ(expected.size(), 16u);
+    CNDMPAuthMD5 record;
+    CXDROpaque challenge;
+    SetOpaque(challenge, c.challenge);
+    EXPECT_EQ(record.ComputeDigest(c.password, challenge), 0);
+    EXPECT_EQ(Hex(OpaqueBytes(record.AuthenticationDigest)), Hex(expected));
+    // Still a fixed 16-byte field on the wire.
+    EXPECT_EQ(EncodeValue(record).size(), 4u + 16u);
+  }
+}
+
+TEST(ConnectConfigMessages, FactoryChoosesByCodeThenType) {
+  struct Case {
+    std::uint32_t code;
+    std::uint32_t type;
+    const std::type_info* expected;  // null: no class
+  };
+  const Case cases[] = {
+      {0x900, 2, &typeid(CNDMPConnectOpenReply)},
+      {0x902, 0, &typeid(CNDMPConnectCloseRequest)},
+      {0x902, 1, &typeid(CNDMPConnectCloseRequest)},
+      {0x104, 0, &typeid(CNDMPConfigGetButypeAttrRequest)},
+      {0x2001, 1, &typeid(CNDMPConfigUMSGetXCBRequestReply)},
+      {0x20520002, 0, &typeid(CNDMPCabGetFsInfoRequest)},
+      {0x20520003, 5, &typeid(CNDMPCabGetTapeInfoReply)},
+      {0x101, 0, nullptr},
+      {0x10B, 1, nullptr},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.code);
+    std::unique_ptr<CNDMPMessage> made(CNDMPMessageAccess::Make(c.code, c.type));
+    if (c.expected == nullptr) {
+      EXPECT_EQ(made, nullptr);
+    } else {
+      ASSERT_NE(made, nullptr);
+      CNDMPMessage& body = *made;
+      EXPECT_EQ(typeid(body), *c.expected);
+    }
+  }
+}
+
+// ---------------------------------------------------------------------------
+// Every class of the family: populated, encoded, decoded into the factory's
+// fresh body, re-encoded to the same bytes.
+
+struct RoundTripRow {
+  const char* name;
+  std::function<std::unique_ptr<CNDMPMessage>()> make;
+};
+
+template <class T>
+RoundTripRow Row(const char* name, std::function<void(T&)> fill = nullptr) {
+  return {name, [fill] {
+            auto message = std::make_unique<T>();
+            if (fill) fill(*message);
+            return std::unique_ptr<CNDMPMessage>(std::move(message));
+          }};
+}
+
+CNDMPPVal PVal(const char* name, const char* value) { return CNDMPPVal(name, value); }
+
+CNDMPFsInfo FsInfo(unsigned int seed) {
+  CNDMPFsInfo fs;
+  fs.Unsupported = seed;
+  fs.FSType = "ufs";
+  fs.LogDeviceName = "/vol/vol0";
+  fs.PhysDeviceName = "/dev/da0s1";
+  fs.TotalSize = 0x123456789ULL + seed;
+  fs.UsedSize = 0x1000 + seed;
+  fs.AvailSize = 0x200000000ULL;
+  fs.TotalInodes = 77;
+  fs.UsedInodes = 5;
+  fs.FSEnvironment.AddItem(PVal("LOCAL", "y"));
+  fs.FSEnvironment.AddItem(PVal("TYPE", "wafl"));
+  fs.FSStatus = "online";
+  return fs;
+}
+
+CNDMPDeviceInfo DeviceInfo(const char* model) {
+  CNDMPDeviceInfo info;
+  info.Model = model;
+  for (const char* device : {"nrst0a", "rst0a"}) {
+    CNDMPDeviceCapability cap;
+    cap.Device = device;
+    cap.Attributes = 3;
+    cap.Capability.AddItem(PVal("EXECUTE_CDB", "t"));
+    cap.Capability.AddItem(PVal("SERIAL_NUMBER", "SN123"));
+    info.CapabilityList.AddItem(cap);
+  }
+  return info;
+}
+
+const std::vector<RoundTripRow>& RoundTripRows() {
+  static const std::vector<RoundTripRow> rows = {
+      Row<CNDMPConnectOpenRequest>("ConnectOpenRequest", [](auto& m) {
+        m.ProtocolVersion = enums::CNDMPProtocolVersion::PROTOCOL_VERSION_3;
+      }),
+      Row<CNDMPConnectOpenReply>("ConnectOpenReply", [](auto& m) {
+        m.NDMP_Error = enums::CNDMPError::NDMP_ILLEGAL_ARGS_ERR;
+      }),
+      Row<CNDMPConnectClientAuthRequest>("ConnectClientAuthRequest text", [](auto& m) {
+        m.AuthenticationData.AuthenticationType = Auth::NDMP_AUTH_TEXT;
+        m.AuthenticationData.TextAuthenticationData.AuthenticationID = "operator";
+        m.AuthenticationData.TextAuthenticationData.AuthenticationPassword = "pw1";
+      }),
+      Row<CNDMPConnectClientAuthRequest>("ConnectClientAuthRequest md5", [](auto& m) {
+        m.AuthenticationData.AuthenticationType = Auth::NDMP_AUTH_MD5;
+        m.AuthenticationData.MD5AuthenticationData.AuthenticationID = "root";
+        SetOpaque(m.AuthenticationData.MD5AuthenticationData.AuthenticationDigest,
+                  Counting(16, 0x31));
+      }),
+      Row<CNDMPConnectClientAuthReply>("ConnectClientAuthReply", [](auto& m) {
+        m.NDMP_Error = enums::CNDMPError::NDMP_NOT_AUTHORIZED_ERR;
+      }),
+      Row<CNDMPConnectCloseRequest>("ConnectCloseRequest"),
+      Row<CNDMPConnectServerAuthRequest>("ConnectServerAuthRequest", [](auto& m) {
+        SetOpaque(m.ClientAuthData.Challenge, Counting(64, 0x40));
+      }),
+      Row<CNDMPConnectServerAuthReply>("ConnectServerAuthReply", [](auto& m) {
+        m.NDMP_Error = enums::CNDMPError::NDMP_IO_ERR;
+        m.Server_Result.AuthenticationType = Auth::NDMP_AUTH_MD5;
+        m.Server_Result.MD5AuthenticationData.AuthenticationID = "filer";
+        SetOpaque(m.Server_Result.MD5AuthenticationData.AuthenticationDigest, Counting(16, 9));
+      }),
+      Row<CNDMPConfigGetHostInfoRequest>("ConfigGetHostInfoRequest"),
+      Row<CNDMPConfigGetHostInfoReply>("ConfigGetHostInfoReply", [](auto& m) {
+        m.Error = enums::CNDMPError::NDMP_IO_ERR;
+        m.hostname = "filer1";
+        m.OSType = "OS";
+        m.OSVersion = "7.3.1";
+        m.HostID = "0042a7";
+      }),
+      Row<CNDMPConfigGetConnectionTypeRequest>("ConfigGetConnectionTypeRequest"),
+      Row<CNDMPConfigGetConnectionTypeReply>("ConfigGetConnectionTypeReply", [](auto& m) {
+        m.Error = enums::CNDMPError::NDMP_IO_ERR;
+        m.AddressTypes.AddItem(enums::CNDMPEnumAddrType::NDMP_ADDR_LOCAL);
+        m.AddressTypes.AddItem(enums::CNDMPEnumAddrType::NDMP_ADDR_TCP);
+      }),
+      Row<CNDMPConfigGetAuthAttrRequest>("ConfigGetAuthAttrRequest",
+                                         [](auto& m) { m.AuthType = Auth::NDMP_AUTH_MD5; }),
+      Row<CNDMPConfigGetAuthAttrReply>("ConfigGetAuthAttrReply", [](auto& m) {
+        m.Error = enums::CNDMPError::NDMP_IO_ERR;
+        SetOpaque(m.ServerAttr.Challenge, Counting(64, 0x10));
+      }),
+      Row<CNDMPConfigGetButypeAttrRequest>("ConfigGetButypeAttrRequest"),
+      Row<CNDMPConfigGetButypeAttrReply>("ConfigGetButypeAttrReply", [](auto& m) {
+        m.Error = enums::CNDMPError::NDMP_IO_ERR;
+        for (const char* name : {"dump", "tar"}) {
+          CNDMPConfigButypeInfo info;
+          info.BackupTypeName = name;
+          info.DefaultEnvironment.AddItem(PVal("HIST", "y"));
+          info.DefaultEnvironment.AddItem(PVal("LEVEL", "0"));
+          info.Attributes = 0x1F;
+          m.BackupTypeInfo.AddItem(info);
+        }
+      }),
+      Row<CNDMPConfigGetFsInfoRequest>("ConfigGetFsInfoRequest"),
+      Row<CNDMPConfigGetFsInfoReply>("ConfigGetFsInfoReply", [](auto& m) {
+        m.Error = enums::CNDMPError::NDMP_IO_ERR;
+        m.FsInfoArray.AddItem(FsInfo(1));
+        m.FsInfoArray.AddItem(FsInfo(2));
+      }),
+      Row<CNDMPConfigGetTapeInfoRequest>("ConfigGetTapeInfoRequest"),
+      Row<CNDMPConfigGetTapeInfoReply>("ConfigGetTapeInfoReply", [](auto& m) {
+        m.Error = enums::CNDMPError::NDMP_IO_ERR;
+        m.TapeInfoArray.AddItem(DeviceInfo("LTO-4"));
+        m.TapeInfoArray.AddItem(DeviceInfo("DLT"));
+      }),
+      Row<CNDMPConfigGetSCSIInfoRequest>("ConfigGetSCSIInfoRequest"),
+      Row<CNDMPConfigGetSCSIInfoReply>("ConfigGetSCSIInfoReply", [](auto& m) {
+        m.Error = enums::CNDMPError::NDMP_IO_ERR;
+        m.SCSIInfoArray.AddItem(DeviceInfo("changer"));
+        m.SCSIInfoArray.AddItem(DeviceInfo("robot"));
+      }),
+      Row<CNDMPConfigGetServerInfoRequest>("ConfigGetServerInfoRequest"),
+      Row<CNDMPConfigGetServerInfoReply>("ConfigGetServerInfoReply", [](auto& m) {
+        m.Error = enums::CNDMPError::NDMP_IO_ERR;
+        m.VenderName = "Vendor";
+        m.ProductName = "Filer";
+        m.RevisionNumber = "7.3";
+        m.AuthenticationTypes.AddItem(Auth::NDMP_AUTH_TEXT);
+        m.AuthenticationTypes.AddItem(Auth::NDMP_AUTH_MD5);
+      }),
+      Row<CNDMPConfigSetExtListRequest>("ConfigSetExtListRequest", [](auto& m) {
+        CNDMPClassVersion a, b;
+        a.ExtensionClassID = 0x2050;
+        a.ExtentionVersion = 1;
+        b.ExtensionClassID = 0x2052;
+        b.ExtentionVersion = 3;
+        m.SelectedExtensions.AddItem(a);
+        m.SelectedExtensions.AddItem(b);
+      }),
+      Row<CNDMPConfigSetExtListReply>("ConfigSetExtListReply", [](auto& m) {
+        m.NDMP_Error = enums::CNDMPError::NDMP_IO_ERR;
+      }),
+      Row<CNDMPConfigGetExtListRequest>("ConfigGetExtListRequest"),
+      Row<CNDMPConfigGetExtListReply>("ConfigGetExtListReply", [](auto& m) {
+        m.Error = enums::CNDMPError::NDMP_IO_ERR;
+        for (int id : {0x2050, 0x2052}) {
+          CNDMPClassList list;
+          list.ExtensionClassID = id;
+          list.ExtentionVersions.AddItem(CXDRUShort(1));
+          list.ExtentionVersions.AddItem(CXDRUShort(2));
+          m.ExtClassList.AddItem(list);
+        }
+      }),
+      Row<CNDMPCabGetFsInfoRequest>("CabGetFsInfoRequest", [](auto& m) { m.FSName = "/vol/a"; }),
+      Row<CNDMPCabGetFsInfoReply>("CabGetFsInfoReply", [](auto& m) {
+        m.Error = enums::CNDMPError::NDMP_IO_ERR;
+        m.FsInfo = FsInfo(3);
+      }),
+      Row<CNDMPCabGetTapeInfoRequest>("CabGetTapeInfoRequest",
+                                      [](auto& m) { m.TapeName = "nrst1a"; }),
+      Row<CNDMPCabGetTapeInfoReply>("CabGetTapeInfoReply", [](auto& m) {
+        m.Error = enums::CNDMPError::NDMP_IO_ERR;
+        m.TapeInfo = DeviceInfo("LTO-5");
+      }),
+      Row<CNDMPConfigUMSGetXCBRequest>("ConfigUMSGetXCBRequest", [](auto& m) {
+        m.CBType = 7;
+        SetOpaque(m.CBData, Counting(5));
+      }),
+      Row<CNDMPConfigUMSGetXCBRequestReply>("ConfigUMSGetXCBRequestReply", [](auto& m) {
+        m.Error = enums::CNDMPError::NDMP_IO_ERR;
+        SetOpaque(m.CBOutData, Counting(13));
+      }),
+  };
+  return rows;
+}
+
+TEST(ConnectConfigMessages, EveryClassRoundTripsThroughTheFactory) {
+  for (const RoundTripRow& row : RoundTripRows()) {
+    SCOPED_TRACE(row.name);
+    std::unique_ptr<CNDMPMessage> original = row.make();
+    const auto bytes = EncodeValue(*original);
+    EXPECT_EQ(original->SerializeSize(), bytes.size());
+
+    std::unique_ptr<CNDMPMessage> fresh(
+        CNDMPMessageAccess::Make(CNDMPMessageAccess::Code(*original).getInt32(),
+                                 CNDMPMessageAccess::Type(*original).getInt32()));
+    ASSERT_NE(fresh, nullptr);
+    CNDMPMessage& freshBody = *fresh;
+    CNDMPMessage& originalBody = *original;
+    ASSERT_EQ(typeid(freshBody), typeid(originalBody));
+    EXPECT_EQ(DecodeValue(bytes, freshBody), 0);
+    EXPECT_EQ(Hex(EncodeValue(freshBody)), Hex(bytes));
+    EXPECT_EQ(freshBody.DumpContents(0), originalBody.DumpContents(0));
+  }
+}
+
+}  // namespace
+}  // namespace com::vx::korvane::ndmpc
