@@ -30,6 +30,11 @@ class CXDREnumBase : public CXDRULong {
     value_ = value;
     return *this;
   }
+  // A plain number, known to E or not.
+  CXDREnumBase& operator=(unsigned int value) {
+    value_ = value;
+    return *this;
+  }
   bool operator==(const CXDREnumBase& other) const { return value_ == other.value_; }
   bool operator!=(const CXDREnumBase& other) const { return value_ != other.value_; }
   bool operator==(typename E::enum_value value) const { return value_ == value; }

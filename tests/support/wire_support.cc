@@ -198,11 +198,11 @@ std::vector<unsigned char> EncodeValue(CIXDR& value) {
   }));
 }
 
-int DecodeValue(const std::vector<unsigned char>& payload, CIXDR& value) {
+int DecodeValue(const std::vector<unsigned char>& payload, CISerializable& value) {
   return DecodeValueRaw(MakeRecord(payload), value);
 }
 
-int DecodeValueRaw(const std::vector<unsigned char>& raw, CIXDR& value, VxLog* log) {
+int DecodeValueRaw(const std::vector<unsigned char>& raw, CISerializable& value, VxLog* log) {
   CSocketPair pair;
   std::atomic<bool> stop{false};
   std::thread writer([&] {

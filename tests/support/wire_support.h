@@ -91,11 +91,11 @@ std::vector<unsigned char> EncodeValue(CIXDR& value);
 // closes the writer side, and returns value.DeSerialize(stream) decoded on
 // the other side. Decoding past the record thus fails at once (end of data)
 // instead of waiting for another header.
-int DecodeValue(const std::vector<unsigned char>& payload, CIXDR& value);
+int DecodeValue(const std::vector<unsigned char>& payload, CISerializable& value);
 // Sends `raw` exactly as given (headers made by the caller), then closes the
 // writer side, and decodes like DecodeValue. `log` receives the stream's
 // lines when given.
-int DecodeValueRaw(const std::vector<unsigned char>& raw, CIXDR& value, VxLog* log = nullptr);
+int DecodeValueRaw(const std::vector<unsigned char>& raw, CISerializable& value, VxLog* log = nullptr);
 
 // A VxLog that keeps every line in memory. Level 4 (debug) by default.
 class CCapturingLog : public VxLog {
