@@ -36,9 +36,11 @@ int main(int argc, char** argv) {
   }
   std::unique_ptr<VxLog> log(options.logFile.empty() ? new VxLog()
                                                      : new VxLog(options.logFile.c_str()));
-  // Quiet by default: ndmpc reports failures itself. -v shows the library's
-  // warnings, -vv its info lines, -vvv debug; --trace every packet in full.
-  int level = options.verbosity == 0 ? 1 : options.verbosity + 1;
+  // Quiet by default: ndmpc reports failures itself (the server shows its
+  // errors). -v adds the library's warnings, -vv info lines, -vvv debug;
+  // --trace every packet in full.
+  const bool serving = !options.args.empty() && options.args[0] == "serve";
+  int level = options.verbosity == 0 ? (serving ? 1 : 0) : options.verbosity + 1;
   if (options.trace) level = 7;
   log->setLevel(level);
   tools::CCommandContext context{options, *log, stdout, stderr};

@@ -1,0 +1,83 @@
+// Support for the tool tests: a temporary directory, the simulated server
+// on a free loopback port, running the ndmpc binary with a time limit, and
+// a small JSON reader to check --json output.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ndmpc/foundation/vx_log.h"
+#include "tools/simulator/sim_server.h"
+
+namespace com::vx::korvane::ndmpc::tools::testing {
+
+// A fresh directory under /tmp, removed with its contents at the end.
+class CTempDir {
+ public:
+  CTempDir();
+  ~CTempDir();
+  CTempDir(const CTempDir&) = delete;
+  CTempDir& operator=(const CTempDir&) = delete;
+  const std::string& Path() const { return path_; }
+  std::string File(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+// A log that keeps quiet (level 0) unless NDMPC_TEST_LOG is set.
+VxLog& QuietLog();
+
+// The simulated server on 127.0.0.1 and a free port, with its own tape
+// directory; user "ndmp", password "secret", MD5 and text by default.
+class CSimFixture {
+ public:
+  explicit CSimFixture(CSimServerConfig config = DefaultConfig());
+  ~CSimFixture();
+  static CSimServerConfig DefaultConfig();
+
+  unsigned int Port() const { return server_->Port(); }
+  CNDMPSimServer& Server() { return *server_; }
+  const std::string& TapeDir() const { return tapes_.Path(); }
+  // Arguments that point ndmpc at this server, with its credentials.
+  std::vector<std::string> Target(bool withCredentials = true) const;
+
+ private:
+  CTempDir tapes_;
+  std::unique_ptr<CNDMPSimServer> server_;
+};
+
+struct CRunResult {
+  int status = -1;  // exit status, or -1 when killed
+  std::string out;
+  std::string err;
+};
+
+// Runs the built ndmpc with `args`, without NDMP_* variables in its
+// environment, killing it after `timeoutSeconds`.
+CRunResult RunNdmpc(const std::vector<std::string>& args, int timeoutSeconds = 60);
+
+// Writes `size` pseudo-random bytes to `path`; returns them.
+std::string WriteRandomFile(const std::string& path, std::size_t size, unsigned int seed);
+std::string ReadFile(const std::string& path);
+
+// A parsed JSON value.
+struct CJson {
+  enum Kind { kNull, kBool, kNumber, kString, kArray, kObject } kind = kNull;
+  bool boolean = false;
+  double number = 0;
+  std::string text;
+  std::vector<CJson> items;
+  std::map<std::string, CJson> members;
+
+  // Member or element; a null value when absent.
+  const CJson& operator[](const std::string& key) const;
+  const CJson& operator[](std::size_t index) const;
+  bool Has(const std::string& key) const { return members.count(key) != 0; }
+};
+// False when `text` is not exactly one JSON value.
+bool ParseJson(const std::string& text, CJson* value);
+
+}  // namespace com::vx::korvane::ndmpc::tools::testing
