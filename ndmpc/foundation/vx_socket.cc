@@ -326,17 +326,23 @@ unsigned int VxTcpListener::accept(VxTcpSocket& socket, unsigned int timeoutMs) 
     if (fd < 0) return VX_SOCKET_ABORTED;
     // Short steps, so that close() from another thread ends the wait.
     int step = 100;
+    bool lastLook = false;
     if (timeoutMs != 0xFFFFFFFFu) {
       auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
                       deadline - std::chrono::steady_clock::now())
                       .count();
-      if (left <= 0) return VX_SOCKET_TIMEOUT;
-      step = static_cast<int>(std::min<long long>(left, step));
+      // Once the time is up, one look without waiting still takes a
+      // connection that is already pending (so a zero timeout polls).
+      lastLook = left <= 0;
+      step = lastLook ? 0 : static_cast<int>(std::min<long long>(left, step));
     }
     pollfd p{fd, POLLIN, 0};
     int r = poll(&p, 1, step);
     if (r < 0 && errno != EINTR) return StatusFromErrno(errno);
-    if (r <= 0) continue;
+    if (r <= 0) {
+      if (lastLook) return VX_SOCKET_TIMEOUT;
+      continue;
+    }
     int client = ::accept4(fd, nullptr, nullptr, SOCK_CLOEXEC);
     if (client >= 0) {
       socket.adopt(client);

@@ -57,7 +57,8 @@ VxThread::~VxThread() {
 }
 
 bool VxThread::start() {
-  if (thread_.joinable()) return false;
+  if (running_.load(std::memory_order_acquire)) return false;
+  Join();  // collects a run that returned by itself and was never waited for
   stopRequested_.store(false, std::memory_order_release);
   finished_.reset();
   running_.store(true, std::memory_order_release);

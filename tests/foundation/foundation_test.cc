@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <fstream>
 #include <string>
@@ -133,6 +134,31 @@ TEST(Thread, WaitUntilStoppedTimesOutWhileRunKeepsGoing) {
   EXPECT_FALSE(thread.isRunning());
 }
 
+class COnceThread : public VxThread {
+ public:
+  std::atomic<int> runs{0};
+
+ protected:
+  int run() override {
+    ++runs;
+    return 0;
+  }
+};
+
+TEST(Thread, StartsAgainAfterRunReturnedByItself) {
+  COnceThread thread;
+  ASSERT_TRUE(thread.start());
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
+  while (thread.isRunning() && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::yield();
+  }
+  ASSERT_FALSE(thread.isRunning());
+  // Nobody waited for the first run; starting again must still work.
+  EXPECT_TRUE(thread.start());
+  EXPECT_TRUE(thread.waitUntilStopped(kWaitMs));
+  EXPECT_EQ(thread.runs.load(), 2);
+}
+
 TEST(TcpSocket, ReportsEndOfDataAndWaitForInputSeesIt) {
   CLoopbackTcp tcp;
   ASSERT_TRUE(tcp.ok());
@@ -235,6 +261,23 @@ TEST(TcpListener, AcceptTimesOutWithoutAClient) {
   EXPECT_NE(listener.port(), 0u);
   VxTcpSocket socket;
   EXPECT_EQ(listener.accept(socket, 20), VX_SOCKET_TIMEOUT);
+  EXPECT_EQ(listener.accept(socket, 0), VX_SOCKET_TIMEOUT);
+}
+
+TEST(TcpListener, AcceptWithoutWaitingTakesAPendingConnection) {
+  VxTcpListener listener;
+  ASSERT_EQ(listener.listen("127.0.0.1", 0), 0u);
+  VxTcpSocket client;
+  ASSERT_EQ(client.connect(VxSocketAddress("127.0.0.1", listener.port()), kWaitMs), 0u);
+  VxTcpSocket served;
+  unsigned int status = VX_SOCKET_TIMEOUT;
+  // The handshake may still be finishing on the listening side: retry, bounded.
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
+  while (status == VX_SOCKET_TIMEOUT && std::chrono::steady_clock::now() < deadline) {
+    status = listener.accept(served, 0);
+  }
+  EXPECT_EQ(status, 0u);
+  EXPECT_TRUE(served.isConnected());
 }
 
 TEST(Log, FiltersByLevel) {
