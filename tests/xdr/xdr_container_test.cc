@@ -300,5 +300,20 @@ TEST(XdrContainer, CopyAssignmentSerialisesItsOwnMembers) {
   EXPECT_EQ(EncodeValue(arrayCopy).size(), 20u);
 }
 
+TEST(XdrContainer, RecordsInAnArraySurviveItsGrowth) {
+  CXDRArray<CInner> array;
+  for (unsigned int i = 0; i < 40; ++i) {
+    CInner item;
+    item.X = i;
+    array.AddItem(item);
+    // Registering each element in place means growth must not carry its
+    // registration along to the moved element.
+    EXPECT_EQ(array[i].SerializeSize(), 8u);
+  }
+  std::vector<unsigned char> bytes = EncodeValue(array);
+  ASSERT_EQ(bytes.size(), 4u + 40u * 8u);
+  for (unsigned int i = 0; i < 40; ++i) EXPECT_EQ(bytes[4 + i * 8 + 3], i);
+}
+
 }  // namespace
 }  // namespace com::vx::korvane::ndmpc
