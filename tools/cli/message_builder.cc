@@ -463,7 +463,7 @@ bool ApplyAssignment(CXDRContainer& message, const std::string& assignment, std:
       return true;
     }
     auto* nested = dynamic_cast<CXDRContainer*>(member);
-    if (nested == nullptr || dynamic_cast<CNDMPUQuad*>(member) != nullptr) {
+    if (nested == nullptr) {
       *error = "'" + walked + "' has no fields to set" +
                (member->GetMemberType() == CIXDR::MEMBER_ARRAY
                     ? std::string(": it is a list, name an element as ") + walked + "[0]"
