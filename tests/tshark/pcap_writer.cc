@@ -1,0 +1,164 @@
+#include "tests/tshark/pcap_writer.h"
+
+#include <fstream>
+
+namespace com::vx::korvane::ndmpc::testing {
+namespace {
+
+constexpr std::uint32_t kLinkTypeEthernet = 1;
+constexpr std::size_t kEthernetHeader = 14;
+constexpr std::size_t kIpHeader = 20;
+constexpr std::size_t kTcpHeader = 20;
+constexpr std::uint8_t kFin = 0x01;
+constexpr std::uint8_t kSyn = 0x02;
+constexpr std::uint8_t kPsh = 0x08;
+constexpr std::uint8_t kAck = 0x10;
+
+void PutLe32(std::vector<unsigned char>& out, std::uint32_t v) {
+  for (int i = 0; i < 4; ++i) out.push_back(static_cast<unsigned char>(v >> (8 * i)));
+}
+void PutLe16(std::vector<unsigned char>& out, std::uint16_t v) {
+  out.push_back(static_cast<unsigned char>(v));
+  out.push_back(static_cast<unsigned char>(v >> 8));
+}
+void PutBe32(std::vector<unsigned char>& out, std::uint32_t v) {
+  for (int i = 3; i >= 0; --i) out.push_back(static_cast<unsigned char>(v >> (8 * i)));
+}
+void PutBe16(std::vector<unsigned char>& out, std::uint16_t v) {
+  out.push_back(static_cast<unsigned char>(v >> 8));
+  out.push_back(static_cast<unsigned char>(v));
+}
+void SetBe16(std::vector<unsigned char>& out, std::size_t at, std::uint16_t v) {
+  out[at] = static_cast<unsigned char>(v >> 8);
+  out[at + 1] = static_cast<unsigned char>(v);
+}
+
+// Internet checksum (RFC 1071) over `length` bytes at `at`, starting from `sum`.
+std::uint16_t Checksum(const std::vector<unsigned char>& data, std::size_t at, std::size_t length,
+                       std::uint32_t sum = 0) {
+  for (std::size_t i = 0; i + 1 < length; i += 2) {
+    sum += (static_cast<std::uint32_t>(data[at + i]) << 8) | data[at + i + 1];
+  }
+  if (length % 2 != 0) sum += static_cast<std::uint32_t>(data[at + length - 1]) << 8;
+  while ((sum >> 16) != 0) sum = (sum & 0xFFFFu) + (sum >> 16);
+  return static_cast<std::uint16_t>(~sum & 0xFFFFu);
+}
+
+}  // namespace
+
+CPcapWriter::CPcapWriter() {
+  PutLe32(bytes_, 0xA1B2C3D4u);  // microsecond resolution, little-endian file
+  PutLe16(bytes_, 2);
+  PutLe16(bytes_, 4);
+  PutLe32(bytes_, 0);       // time zone
+  PutLe32(bytes_, 0);       // accuracy
+  PutLe32(bytes_, 262144);  // snap length
+  PutLe32(bytes_, kLinkTypeEthernet);
+}
+
+std::size_t CPcapWriter::AddFrame(std::uint32_t seconds, std::uint32_t micros,
+                                  const std::vector<unsigned char>& frame) {
+  PutLe32(bytes_, seconds);
+  PutLe32(bytes_, micros);
+  PutLe32(bytes_, static_cast<std::uint32_t>(frame.size()));
+  PutLe32(bytes_, static_cast<std::uint32_t>(frame.size()));
+  bytes_.insert(bytes_.end(), frame.begin(), frame.end());
+  return ++frames_;
+}
+
+bool CPcapWriter::WriteFile(const std::string& path) const {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  if (!out) return false;
+  out.write(reinterpret_cast<const char*>(bytes_.data()), static_cast<std::streamsize>(bytes_.size()));
+  out.close();
+  return static_cast<bool>(out);
+}
+
+CTcpConversation::CTcpConversation(CPcapWriter& pcap, std::uint32_t clientIp,
+                                   std::uint16_t clientPort, std::uint32_t serverIp,
+                                   std::uint16_t serverPort, std::uint32_t startSeconds)
+    : pcap_(pcap),
+      client_{clientIp, clientPort, 0x10000000u + clientPort},
+      server_{serverIp, serverPort, 0x70000000u + clientPort},
+      micros_(static_cast<std::uint64_t>(startSeconds) * 1000000u) {}
+
+void CTcpConversation::Open() {
+  Segment(true, kSyn, {});
+  Segment(false, kSyn | kAck, {});
+  Segment(true, kAck, {});
+}
+
+std::size_t CTcpConversation::Send(bool fromClient, const std::vector<unsigned char>& payload) {
+  return Segment(fromClient, kPsh | kAck, payload);
+}
+
+void CTcpConversation::Close() {
+  Segment(true, kFin | kAck, {});
+  Segment(false, kFin | kAck, {});
+  Segment(true, kAck, {});
+}
+
+std::size_t CTcpConversation::Segment(bool fromClient, std::uint8_t flags,
+                                      const std::vector<unsigned char>& payload) {
+  Side& from = fromClient ? client_ : server_;
+  Side& to = fromClient ? server_ : client_;
+  const bool ack = (flags & kAck) != 0;
+  // The first segment of the server is the SYN-ACK; before it the client's
+  // view of the server sequence is meaningless, so a bare SYN acknowledges 0.
+  const std::uint32_t ackNumber = ack ? to.nextSeq : 0;
+
+  std::vector<unsigned char> frame;
+  frame.reserve(kEthernetHeader + kIpHeader + kTcpHeader + payload.size());
+  // Ethernet II: locally administered addresses that tell the sides apart.
+  const unsigned char clientMac[6] = {0x02, 0, 0, 0, 0, 0x01};
+  const unsigned char serverMac[6] = {0x02, 0, 0, 0, 0, 0x02};
+  const unsigned char* dstMac = fromClient ? serverMac : clientMac;
+  const unsigned char* srcMac = fromClient ? clientMac : serverMac;
+  frame.insert(frame.end(), dstMac, dstMac + 6);
+  frame.insert(frame.end(), srcMac, srcMac + 6);
+  PutBe16(frame, 0x0800);
+
+  // IPv4 header.
+  const std::size_t ipAt = frame.size();
+  const auto totalLength = static_cast<std::uint16_t>(kIpHeader + kTcpHeader + payload.size());
+  frame.push_back(0x45);
+  frame.push_back(0);
+  PutBe16(frame, totalLength);
+  PutBe16(frame, static_cast<std::uint16_t>(pcap_.FrameCount() + 1));  // identification
+  PutBe16(frame, 0x4000);                                              // don't fragment
+  frame.push_back(64);                                                 // TTL
+  frame.push_back(6);                                                  // TCP
+  PutBe16(frame, 0);                                                   // checksum, below
+  PutBe32(frame, from.ip);
+  PutBe32(frame, to.ip);
+  SetBe16(frame, ipAt + 10, Checksum(frame, ipAt, kIpHeader));
+
+  // TCP header.
+  const std::size_t tcpAt = frame.size();
+  PutBe16(frame, from.port);
+  PutBe16(frame, to.port);
+  PutBe32(frame, from.nextSeq);
+  PutBe32(frame, ackNumber);
+  frame.push_back(static_cast<unsigned char>((kTcpHeader / 4) << 4));
+  frame.push_back(flags);
+  PutBe16(frame, 65535);  // window
+  PutBe16(frame, 0);      // checksum, below
+  PutBe16(frame, 0);      // urgent pointer
+  frame.insert(frame.end(), payload.begin(), payload.end());
+
+  // TCP checksum over the pseudo header, the header and the payload.
+  const std::size_t tcpLength = kTcpHeader + payload.size();
+  std::uint32_t pseudo = (from.ip >> 16) + (from.ip & 0xFFFFu) + (to.ip >> 16) +
+                         (to.ip & 0xFFFFu) + 6u + static_cast<std::uint32_t>(tcpLength);
+  SetBe16(frame, tcpAt + 16, Checksum(frame, tcpAt, tcpLength, pseudo));
+
+  from.nextSeq += static_cast<std::uint32_t>(payload.size());
+  if ((flags & (kSyn | kFin)) != 0) from.nextSeq += 1;  // SYN and FIN take one number each
+
+  const std::uint64_t at = micros_;
+  micros_ += 1000;
+  return pcap_.AddFrame(static_cast<std::uint32_t>(at / 1000000u),
+                        static_cast<std::uint32_t>(at % 1000000u), frame);
+}
+
+}  // namespace com::vx::korvane::ndmpc::testing

@@ -1,0 +1,248 @@
+#include "tests/tshark/tshark_runner.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <thread>
+#include <utility>
+
+namespace com::vx::korvane::ndmpc::testing {
+namespace {
+
+// Severity numbers of tshark's expert info.
+constexpr unsigned long kExpertWarning = 0x00600000ul;
+
+std::string Unescape(const std::string& text) {
+  std::string out;
+  out.reserve(text.size());
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text[i] != '&') {
+      out += text[i];
+      continue;
+    }
+    const std::size_t end = text.find(';', i);
+    if (end == std::string::npos) {
+      out += text[i];
+      continue;
+    }
+    const std::string entity = text.substr(i + 1, end - i - 1);
+    if (entity == "amp") {
+      out += '&';
+    } else if (entity == "lt") {
+      out += '<';
+    } else if (entity == "gt") {
+      out += '>';
+    } else if (entity == "quot") {
+      out += '"';
+    } else if (entity == "apos") {
+      out += '\'';
+    } else if (!entity.empty() && entity[0] == '#') {
+      const bool hex = entity.size() > 1 && (entity[1] == 'x' || entity[1] == 'X');
+      const unsigned long code =
+          std::strtoul(entity.c_str() + (hex ? 2 : 1), nullptr, hex ? 16 : 10);
+      out += static_cast<char>(code);
+    } else {
+      out += text.substr(i, end - i + 1);
+    }
+    i = end;
+  }
+  return out;
+}
+
+// The attributes of one tag (between the tag name and '>').
+std::string Attribute(const std::string& tag, const char* name) {
+  const std::string key = std::string(" ") + name + "=\"";
+  const std::size_t at = tag.find(key);
+  if (at == std::string::npos) return std::string();
+  const std::size_t start = at + key.size();
+  const std::size_t end = tag.find('"', start);
+  if (end == std::string::npos) return std::string();
+  return Unescape(tag.substr(start, end - start));
+}
+
+}  // namespace
+
+bool CPdmlPacket::HasProtocol(const std::string& name) const {
+  for (const auto& p : protocols) {
+    if (p == name) return true;
+  }
+  return false;
+}
+
+std::vector<std::string> CPdmlPacket::Shows(const std::string& name) const {
+  std::vector<std::string> shows;
+  for (const auto& f : fields) {
+    if (f.name == name) shows.push_back(f.show);
+  }
+  return shows;
+}
+
+std::vector<const CPdmlField*> CPdmlPacket::Find(const std::string& name) const {
+  std::vector<const CPdmlField*> found;
+  for (const auto& f : fields) {
+    if (f.name == name) found.push_back(&f);
+  }
+  return found;
+}
+
+std::vector<CTsharkProblem> ProblemsOf(const CPdmlPacket& packet) {
+  std::vector<CTsharkProblem> problems;
+  for (const auto& p : packet.protocols) {
+    if (p == "_ws.malformed") problems.push_back({p, "Malformed Packet"});
+  }
+  // An expert item is "_ws.expert" with its message and severity as children.
+  std::string message;
+  for (const auto& f : packet.fields) {
+    if (f.name == "_ws.expert.message") message = f.show;
+    if (f.name == "_ws.expert.severity") {
+      const unsigned long severity = std::strtoul(f.show.c_str(), nullptr, 0);
+      if (severity >= kExpertWarning) {
+        problems.push_back({f.proto, (severity > kExpertWarning ? "error: " : "warning: ") + message});
+      }
+    }
+    if (f.name == "_ws.malformed" || f.name == "_ws.malformed.expert") {
+      problems.push_back({f.proto, "malformed: " + f.showname});
+    }
+  }
+  return problems;
+}
+
+std::string FindTshark() {
+  const char* path = std::getenv("PATH");
+  std::string dirs = path != nullptr ? path : "/usr/local/bin:/usr/bin:/bin";
+  std::stringstream split(dirs);
+  std::string dir;
+  while (std::getline(split, dir, ':')) {
+    if (dir.empty()) continue;
+    const std::string candidate = dir + "/tshark";
+    struct stat st {};
+    if (::stat(candidate.c_str(), &st) == 0 && S_ISREG(st.st_mode) &&
+        ::access(candidate.c_str(), X_OK) == 0) {
+      return candidate;
+    }
+  }
+  return std::string();
+}
+
+bool RunTshark(const std::string& program, const std::vector<std::string>& args,
+               const std::string& outPath, std::string* error, int timeoutSeconds) {
+  const std::string errPath = outPath + ".stderr";
+  std::vector<std::string> argvStore;
+  argvStore.push_back(program);
+  argvStore.insert(argvStore.end(), args.begin(), args.end());
+  std::vector<char*> argv;
+  for (auto& a : argvStore) argv.push_back(a.data());
+  argv.push_back(nullptr);
+
+  const pid_t pid = ::fork();
+  if (pid < 0) {
+    *error = std::string("fork failed: ") + std::strerror(errno);
+    return false;
+  }
+  if (pid == 0) {
+    const int out = ::open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    const int err = ::open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    const int in = ::open("/dev/null", O_RDONLY);
+    if (out < 0 || err < 0 || in < 0) ::_exit(126);
+    ::dup2(in, 0);
+    ::dup2(out, 1);
+    ::dup2(err, 2);
+    ::execv(program.c_str(), argv.data());
+    ::_exit(127);
+  }
+
+  // Bounded wait for the child; it is killed when it overruns.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeoutSeconds);
+  int status = 0;
+  for (;;) {
+    const pid_t done = ::waitpid(pid, &status, WNOHANG);
+    if (done == pid) break;
+    if (done < 0 && errno != EINTR) {
+      *error = std::string("waitpid failed: ") + std::strerror(errno);
+      return false;
+    }
+    if (std::chrono::steady_clock::now() > deadline) {
+      ::kill(pid, SIGKILL);
+      ::waitpid(pid, &status, 0);
+      *error = program + " did not finish within " + std::to_string(timeoutSeconds) + " s";
+      return false;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  const std::string errText = ReadFile(errPath);
+  ::unlink(errPath.c_str());
+  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+    *error = program + " failed (status " + std::to_string(status) + "): " + errText;
+    return false;
+  }
+  return true;
+}
+
+std::vector<CPdmlPacket> ParsePdml(const std::string& text) {
+  std::vector<CPdmlPacket> packets;
+  CPdmlPacket* packet = nullptr;
+  // Open <proto> elements (a protocol may sit inside another's field) and,
+  // for each, the number of <field> elements open inside it.
+  std::vector<std::pair<std::string, int>> protos;
+  std::size_t at = 0;
+  while ((at = text.find('<', at)) != std::string::npos) {
+    const std::size_t end = text.find('>', at);
+    if (end == std::string::npos) break;
+    const std::string tag = text.substr(at + 1, end - at - 1);
+    at = end + 1;
+    const bool selfClosing = !tag.empty() && tag.back() == '/';
+    // "field", "/field", "proto", ...: up to the first blank or the '/' of "<x/>".
+    const std::string name = tag.substr(0, tag.find_first_of(" /", 1));
+    if (name == "packet") {
+      packets.emplace_back();
+      packet = &packets.back();
+      protos.clear();
+    } else if (name == "/packet") {
+      packet = nullptr;
+    } else if (packet == nullptr) {
+      continue;
+    } else if (name == "proto") {
+      packet->protocols.push_back(Attribute(tag, "name"));
+      if (!selfClosing) protos.emplace_back(packet->protocols.back(), 0);
+    } else if (name == "/proto") {
+      if (!protos.empty()) protos.pop_back();
+    } else if (name == "field") {
+      CPdmlField field;
+      field.proto = protos.empty() ? std::string() : protos.back().first;
+      field.name = Attribute(tag, "name");
+      field.show = Attribute(tag, "show");
+      field.showname = Attribute(tag, "showname");
+      field.value = Attribute(tag, "value");
+      field.pos = std::strtoul(Attribute(tag, "pos").c_str(), nullptr, 10);
+      field.size = std::strtoul(Attribute(tag, "size").c_str(), nullptr, 10);
+      field.depth = protos.empty() ? 0 : protos.back().second;
+      if (field.proto == "geninfo" && field.name == "num") {
+        packet->number = std::strtoul(field.show.c_str(), nullptr, 10);
+      }
+      packet->fields.push_back(std::move(field));
+      if (!selfClosing && !protos.empty()) ++protos.back().second;
+    } else if (name == "/field") {
+      if (!protos.empty() && protos.back().second > 0) --protos.back().second;
+    }
+  }
+  return packets;
+}
+
+std::string ReadFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return std::string();
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+}  // namespace com::vx::korvane::ndmpc::testing
