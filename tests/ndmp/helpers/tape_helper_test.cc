@@ -1,0 +1,258 @@
+// The tape helper against our own serving side: what each call sends, what
+// it makes of every kind of answer, and the open retry rule.
+#include "ndmpc/ndmp/helpers/tape_helper.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "ndmpc/ndmp/messages/scsi_tape_messages.h"
+#include "tests/ndmp/helpers/serving_peer.h"
+
+namespace com::vx::korvane::ndmpc {
+namespace {
+
+using enums::CNDMPError;
+using enums::CNDMPEnumMtioOp;
+using enums::CNDMPEnumTapeOpenMode;
+using enums::CNDMPMessageCode;
+using testing::CServingPeer;
+
+const CXDREnumBase<CNDMPEnumTapeOpenMode> kRdwr(CNDMPEnumTapeOpenMode::NDMP_TAPE_RDWR_MODE);
+
+// Answers every tape open with a reply carrying `error`.
+CServingPeer::Answer OpenAnswer(unsigned int error) {
+  return [error](CServingPeer::Request& r) {
+    CNDMPTapeOpenReply reply;
+    reply.NDMP_Error = error;
+    r.Reply(reply);
+  };
+}
+
+TEST(TapeHelper, ArgumentErrorsSendNothingAndLeaveOutputs) {
+  CServingPeer peer([](CServingPeer::Request& r) {
+    CNDMPTapeCloseReply reply;
+    r.Reply(reply);
+  });
+  ASSERT_TRUE(peer.ok());
+  CNDMPConnection* c = &peer.client();
+  unsigned char buffer[8] = {};
+  unsigned int out = 77;
+  const CXDREnumBase<CNDMPEnumMtioOp> rew(CNDMPEnumMtioOp::NDMP_MTIO_REW);
+  struct Case {
+    const char* name;
+    std::function<CXDREnumBase<CNDMPError>()> call;
+  };
+  const std::vector<Case> cases = {
+      {"open without connection", [&] { return CNDMPTapeHelper::TapeOpen(nullptr, "t", kRdwr, true); }},
+      {"open without device", [&] { return CNDMPTapeHelper::TapeOpen(c, nullptr, kRdwr, true); }},
+      {"close without connection", [&] { return CNDMPTapeHelper::TapeClose(nullptr); }},
+      {"mtio without connection", [&] { return CNDMPTapeHelper::TapeMTIO(nullptr, rew, 1, &out); }},
+      {"mtio without resid", [&] { return CNDMPTapeHelper::TapeMTIO(c, rew, 1, nullptr); }},
+      {"write without connection",
+       [&] { return CNDMPTapeHelper::TapeWrite(nullptr, buffer, 8, &out); }},
+      {"write without buffer", [&] { return CNDMPTapeHelper::TapeWrite(c, nullptr, 8, &out); }},
+      {"write of 0 bytes", [&] { return CNDMPTapeHelper::TapeWrite(c, buffer, 0, &out); }},
+      {"read without connection", [&] { return CNDMPTapeHelper::TapeRead(nullptr, buffer, 8, &out); }},
+      {"read without buffer", [&] { return CNDMPTapeHelper::TapeRead(c, nullptr, 8, &out); }},
+      {"read of 0 bytes", [&] { return CNDMPTapeHelper::TapeRead(c, buffer, 0, &out); }},
+      {"read without count", [&] { return CNDMPTapeHelper::TapeRead(c, buffer, 8, nullptr); }},
+  };
+  for (const Case& k : cases) {
+    EXPECT_EQ(k.call(), CNDMPError::NDMP_ILLEGAL_ARGS_ERR) << k.name;
+    EXPECT_EQ(out, 77u) << k.name;
+  }
+  // Requests on one connection arrive in order: if the close is the first
+  // one the server saw, none of the calls above sent anything.
+  EXPECT_EQ(CNDMPTapeHelper::TapeClose(c), CNDMPError::NDMP_NO_ERR);
+  std::vector<CServingPeer::Seen> seen = peer.Requests();
+  ASSERT_EQ(seen.size(), 1u);
+  EXPECT_EQ(seen[0].code, CNDMPMessageCode::NDMP_TAPE_CLOSE);
+}
+
+TEST(TapeHelper, OpenRetriesBusyDeviceElevenTimesAboutOneSecondApart) {
+  CServingPeer peer(OpenAnswer(CNDMPError::NDMP_DEVICE_BUSY_ERR));
+  ASSERT_TRUE(peer.ok());
+  EXPECT_EQ(CNDMPTapeHelper::TapeOpen(&peer.client(), "/dev/nst0", kRdwr, true),
+            CNDMPError::NDMP_DEVICE_BUSY_ERR);
+  std::vector<CServingPeer::Seen> seen = peer.Requests();
+  ASSERT_EQ(seen.size(), 11u);
+  for (std::size_t i = 0; i < seen.size(); ++i) {
+    auto* open = CServingPeer::Body<CNDMPTapeOpenRequest>(seen[i]);
+    ASSERT_NE(open, nullptr);
+    EXPECT_EQ(open->Device.GetString(), "/dev/nst0");
+    EXPECT_EQ(open->Mode, CNDMPEnumTapeOpenMode::NDMP_TAPE_RDWR_MODE);
+    if (i > 0) {
+      // The client sleeps a full second between a reply and the next try;
+      // only this lower bound is asserted.
+      EXPECT_GE(seen[i].at - seen[i - 1].at, std::chrono::milliseconds(950)) << i;
+    }
+  }
+}
+
+TEST(TapeHelper, OpenTriesOnceWithoutRetryOrForDottedName) {
+  struct Case {
+    const char* device;
+    bool retry;
+  };
+  for (const Case& k : {Case{"/tapes/../nst0", true}, Case{"..", true}, Case{"/dev/nst0", false}}) {
+    CServingPeer peer(OpenAnswer(CNDMPError::NDMP_DEVICE_BUSY_ERR));
+    ASSERT_TRUE(peer.ok());
+    EXPECT_EQ(CNDMPTapeHelper::TapeOpen(&peer.client(), k.device, kRdwr, k.retry),
+              CNDMPError::NDMP_DEVICE_BUSY_ERR)
+        << k.device;
+    EXPECT_EQ(peer.Requests().size(), 1u) << k.device;
+  }
+}
+
+TEST(TapeHelper, OpenStopsRetryingAtFirstSuccess) {
+  std::atomic<int> answered{0};
+  CServingPeer peer([&answered](CServingPeer::Request& r) {
+    CNDMPTapeOpenReply reply;
+    reply.NDMP_Error = ++answered < 3 ? CNDMPError::NDMP_DEVICE_BUSY_ERR : CNDMPError::NDMP_NO_ERR;
+    r.Reply(reply);
+  });
+  ASSERT_TRUE(peer.ok());
+  EXPECT_EQ(CNDMPTapeHelper::TapeOpen(&peer.client(), "/dev/nst0",
+                                      CNDMPEnumTapeOpenMode::NDMP_TAPE_READ_MODE, true),
+            CNDMPError::NDMP_NO_ERR);
+  std::vector<CServingPeer::Seen> seen = peer.Requests();
+  ASSERT_EQ(seen.size(), 3u);
+  EXPECT_EQ(CServingPeer::Body<CNDMPTapeOpenRequest>(seen[2])->Mode,
+            CNDMPEnumTapeOpenMode::NDMP_TAPE_READ_MODE);
+}
+
+TEST(TapeHelper, OpenReplacesHeaderOnlyErrorWithUndefined) {
+  // The send reports the header's error, but without a reply body the open
+  // deliberately reports NDMP_UNDEFINED_ERR.
+  CServingPeer peer([](CServingPeer::Request& r) { r.ReplyError(CNDMPError::NDMP_NO_DEVICE_ERR); });
+  ASSERT_TRUE(peer.ok());
+  EXPECT_EQ(CNDMPTapeHelper::TapeOpen(&peer.client(), "/dev/nst0", kRdwr, false),
+            CNDMPError::NDMP_UNDEFINED_ERR);
+  EXPECT_EQ(peer.Requests().size(), 1u);
+}
+
+TEST(TapeHelper, OpenWithoutLiveConnectionIsUndefinedAndNotRetriedWithoutRetry) {
+  CServingPeer peer(OpenAnswer(CNDMPError::NDMP_NO_ERR));
+  ASSERT_TRUE(peer.ok());
+  peer.client().Disconnect();
+  EXPECT_EQ(CNDMPTapeHelper::TapeOpen(&peer.client(), "/dev/nst0", kRdwr, false),
+            CNDMPError::NDMP_UNDEFINED_ERR);
+  // The other calls pass the send's own error on.
+  EXPECT_EQ(CNDMPTapeHelper::TapeClose(&peer.client()), CNDMPError::NDMP_CONNECT_ERR);
+}
+
+TEST(TapeHelper, MtioSendsOperationAndCopiesResidEvenOnError) {
+  struct Case {
+    unsigned int error;
+    unsigned int resid;
+  };
+  for (const Case& k : {Case{CNDMPError::NDMP_NO_ERR, 0}, Case{CNDMPError::NDMP_EOF_ERR, 3},
+                        Case{CNDMPError::NDMP_IO_ERR, 5}}) {
+    CServingPeer peer([k](CServingPeer::Request& r) {
+      CNDMPTapeMtioReply reply;
+      reply.NDMP_Error = k.error;
+      reply.ResidCount = k.resid;
+      r.Reply(reply);
+    });
+    ASSERT_TRUE(peer.ok());
+    unsigned int resid = 99;
+    EXPECT_EQ(CNDMPTapeHelper::TapeMTIO(&peer.client(), CNDMPEnumMtioOp::NDMP_MTIO_FSF, 7, &resid),
+              k.error);
+    EXPECT_EQ(resid, k.resid);
+    std::vector<CServingPeer::Seen> seen = peer.Requests();
+    ASSERT_EQ(seen.size(), 1u);
+    auto* mtio = CServingPeer::Body<CNDMPTapeMtioRequest>(seen[0]);
+    ASSERT_NE(mtio, nullptr);
+    EXPECT_EQ(mtio->TapeOp, CNDMPEnumMtioOp::NDMP_MTIO_FSF);
+    EXPECT_EQ(mtio->Count, 7u);
+  }
+}
+
+TEST(TapeHelper, HeaderOnlyErrorIsReturnedWithOutputsZeroed) {
+  CServingPeer peer([](CServingPeer::Request& r) { r.ReplyError(CNDMPError::NDMP_DEV_NOT_OPEN_ERR); });
+  ASSERT_TRUE(peer.ok());
+  CNDMPConnection* c = &peer.client();
+  unsigned char buffer[4] = {1, 2, 3, 4};
+  unsigned int resid = 9, written = 9, read = 9;
+  EXPECT_EQ(CNDMPTapeHelper::TapeMTIO(c, CNDMPEnumMtioOp::NDMP_MTIO_REW, 1, &resid),
+            CNDMPError::NDMP_DEV_NOT_OPEN_ERR);
+  EXPECT_EQ(CNDMPTapeHelper::TapeWrite(c, buffer, 4, &written), CNDMPError::NDMP_DEV_NOT_OPEN_ERR);
+  EXPECT_EQ(CNDMPTapeHelper::TapeRead(c, buffer, 4, &read), CNDMPError::NDMP_DEV_NOT_OPEN_ERR);
+  EXPECT_EQ(CNDMPTapeHelper::TapeClose(c), CNDMPError::NDMP_DEV_NOT_OPEN_ERR);
+  EXPECT_EQ(resid, 0u);
+  EXPECT_EQ(written, 0u);
+  EXPECT_EQ(read, 0u);
+  EXPECT_EQ(peer.Requests().size(), 4u);
+}
+
+TEST(TapeHelper, WriteSendsBytesAndCopiesCountEvenOnError) {
+  struct Case {
+    unsigned int error;
+    unsigned int count;
+  };
+  for (const Case& k : {Case{CNDMPError::NDMP_NO_ERR, 5}, Case{CNDMPError::NDMP_EOM_ERR, 2}}) {
+    CServingPeer peer([k](CServingPeer::Request& r) {
+      CNDMPTapeWriteReply reply;
+      reply.NDMP_Error = k.error;
+      reply.Count = k.count;
+      r.Reply(reply);
+    });
+    ASSERT_TRUE(peer.ok());
+    unsigned char data[5] = {'a', 'b', 0, 'c', 0xFF};
+    unsigned int written = 99;
+    EXPECT_EQ(CNDMPTapeHelper::TapeWrite(&peer.client(), data, 5, &written), k.error);
+    EXPECT_EQ(written, k.count);
+    std::vector<CServingPeer::Seen> seen = peer.Requests();
+    ASSERT_EQ(seen.size(), 1u);
+    auto* write = CServingPeer::Body<CNDMPTapeWriteRequest>(seen[0]);
+    ASSERT_NE(write, nullptr);
+    ASSERT_EQ(write->DataOut.GetSize(), 5u);
+    EXPECT_EQ(std::memcmp(write->DataOut.GetData(), data, 5), 0);
+  }
+}
+
+TEST(TapeHelper, ReadCopiesDataEvenOnErrorAndNeverPastLength) {
+  struct Case {
+    const char* name;
+    unsigned int error;
+    std::string data;  // what the server sends
+    unsigned int asked;
+    std::string expected;  // what lands in the buffer
+  };
+  const std::vector<Case> cases = {
+      {"full", CNDMPError::NDMP_NO_ERR, "abcdef", 6, "abcdef"},
+      {"short", CNDMPError::NDMP_NO_ERR, "ab", 6, "ab"},
+      {"error with data", CNDMPError::NDMP_EOF_ERR, "xy", 6, "xy"},
+      {"no data", CNDMPError::NDMP_EOF_ERR, "", 6, ""},
+      {"no data, no error", CNDMPError::NDMP_NO_ERR, "", 6, ""},
+      {"longer than asked", CNDMPError::NDMP_NO_ERR, "0123456789", 4, "0123"},
+  };
+  for (const Case& k : cases) {
+    CServingPeer peer([&k](CServingPeer::Request& r) {
+      CNDMPTapeReadReply reply;
+      reply.NDMP_Error = k.error;
+      reply.Data.SetData(k.data.data(), k.data.size());
+      r.Reply(reply);
+    });
+    ASSERT_TRUE(peer.ok());
+    std::vector<unsigned char> buffer(16, '#');
+    unsigned int read = 99;
+    EXPECT_EQ(CNDMPTapeHelper::TapeRead(&peer.client(), buffer.data(), k.asked, &read), k.error)
+        << k.name;
+    EXPECT_EQ(read, k.expected.size()) << k.name;
+    std::string expectedBuffer = k.expected + std::string(16 - k.expected.size(), '#');
+    EXPECT_EQ(std::string(buffer.begin(), buffer.end()), expectedBuffer) << k.name;
+    std::vector<CServingPeer::Seen> seen = peer.Requests();
+    ASSERT_EQ(seen.size(), 1u);
+    EXPECT_EQ(CServingPeer::Body<CNDMPTapeReadRequest>(seen[0])->Count, k.asked) << k.name;
+  }
+}
+
+}  // namespace
+}  // namespace com::vx::korvane::ndmpc
