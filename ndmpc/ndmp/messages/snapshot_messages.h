@@ -36,9 +36,8 @@ class CNDMPSName : public CXDRContainer {
 
 // ---------------------------------------------------------------- NDMP_SNAP_CREATE
 
-class CNDMPSnapCreateRequest
-    : public CNDMPMessageImpl<CNDMPSnapCreateRequest, CNDMPRequestMessage,
-                              enums::CNDMPMessageCode::NDMP_SNAP_CREATE> {
+class CNDMPSnapCreateRequest : public CNDMPMessageImpl<CNDMPSnapCreateRequest, CNDMPRequestMessage,
+                                                       enums::CNDMPMessageCode::NDMP_SNAP_CREATE> {
  public:
   CXDRString PathName;
   CXDRString SnapName;
@@ -51,15 +50,13 @@ class CNDMPSnapCreateRequest
   }
 };
 
-class CNDMPSnapCreateReply
-    : public CNDMPMessageImpl<CNDMPSnapCreateReply, CNDMPGenericReply,
-                              enums::CNDMPMessageCode::NDMP_SNAP_CREATE> {};
+class CNDMPSnapCreateReply : public CNDMPMessageImpl<CNDMPSnapCreateReply, CNDMPGenericReply,
+                                                     enums::CNDMPMessageCode::NDMP_SNAP_CREATE> {};
 
 // ---------------------------------------------------------------- NDMP_SNAP_DELETE
 
-class CNDMPSnapDeleteRequest
-    : public CNDMPMessageImpl<CNDMPSnapDeleteRequest, CNDMPRequestMessage,
-                              enums::CNDMPMessageCode::NDMP_SNAP_DELETE> {
+class CNDMPSnapDeleteRequest : public CNDMPMessageImpl<CNDMPSnapDeleteRequest, CNDMPRequestMessage,
+                                                       enums::CNDMPMessageCode::NDMP_SNAP_DELETE> {
  public:
   CXDRString SnapName;
 
@@ -70,9 +67,8 @@ class CNDMPSnapDeleteRequest
   }
 };
 
-class CNDMPSnapDeleteReply
-    : public CNDMPMessageImpl<CNDMPSnapDeleteReply, CNDMPGenericReply,
-                              enums::CNDMPMessageCode::NDMP_SNAP_DELETE> {};
+class CNDMPSnapDeleteReply : public CNDMPMessageImpl<CNDMPSnapDeleteReply, CNDMPGenericReply,
+                                                     enums::CNDMPMessageCode::NDMP_SNAP_DELETE> {};
 
 // ---------------------------------------------------------------- NDMP_SNAP_RECOVER
 
@@ -93,15 +89,14 @@ class CNDMPSnapRecoverRequest
   }
 };
 
-class CNDMPSnapRecoverReply
-    : public CNDMPMessageImpl<CNDMPSnapRecoverReply, CNDMPGenericReply,
-                              enums::CNDMPMessageCode::NDMP_SNAP_RECOVER> {};
+class CNDMPSnapRecoverReply : public CNDMPMessageImpl<CNDMPSnapRecoverReply, CNDMPGenericReply,
+                                                      enums::CNDMPMessageCode::NDMP_SNAP_RECOVER> {
+};
 
 // ---------------------------------------------------------------- NDMP_SNAP_RENAME
 
-class CNDMPSnapRenameRequest
-    : public CNDMPMessageImpl<CNDMPSnapRenameRequest, CNDMPRequestMessage,
-                              enums::CNDMPMessageCode::NDMP_SNAP_RENAME> {
+class CNDMPSnapRenameRequest : public CNDMPMessageImpl<CNDMPSnapRenameRequest, CNDMPRequestMessage,
+                                                       enums::CNDMPMessageCode::NDMP_SNAP_RENAME> {
  public:
   CXDRString OldSnapName;
   CXDRString NewSnapName;
@@ -114,9 +109,8 @@ class CNDMPSnapRenameRequest
   }
 };
 
-class CNDMPSnapRenameReply
-    : public CNDMPMessageImpl<CNDMPSnapRenameReply, CNDMPGenericReply,
-                              enums::CNDMPMessageCode::NDMP_SNAP_RENAME> {};
+class CNDMPSnapRenameReply : public CNDMPMessageImpl<CNDMPSnapRenameReply, CNDMPGenericReply,
+                                                     enums::CNDMPMessageCode::NDMP_SNAP_RENAME> {};
 
 // ---------------------------------------------------------------- NDMP_SNAP_GET_SERVER_INFO
 
@@ -442,9 +436,8 @@ class CNDMPSnapDirListRequest
   }
 };
 
-class CNDMPSnapDirListReply
-    : public CNDMPMessageImpl<CNDMPSnapDirListReply, CNDMPReplyMessage,
-                              enums::CNDMPMessageCode::NDMP_SNAP_DIR_LIST> {
+class CNDMPSnapDirListReply : public CNDMPMessageImpl<CNDMPSnapDirListReply, CNDMPReplyMessage,
+                                                      enums::CNDMPMessageCode::NDMP_SNAP_DIR_LIST> {
  public:
   CXDREnumBase<enums::CNDMPError> Error;
   CXDRArray<CNDMPFile> DirList;

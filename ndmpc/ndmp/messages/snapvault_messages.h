@@ -537,13 +537,12 @@ class CNDMPSvsSetAccessInfoReply
 
 // ---------------------------------------------------------------- NDMP_SVS_GET_INFO
 
-class CNDMPSvsGetInfoRequest
-    : public CNDMPMessageImpl<CNDMPSvsGetInfoRequest, CNDMPGenericRequest,
-                              enums::CNDMPMessageCode::NDMP_SVS_GET_INFO> {};
+class CNDMPSvsGetInfoRequest : public CNDMPMessageImpl<CNDMPSvsGetInfoRequest, CNDMPGenericRequest,
+                                                       enums::CNDMPMessageCode::NDMP_SVS_GET_INFO> {
+};
 
-class CNDMPSvsGetInfoReply
-    : public CNDMPMessageImpl<CNDMPSvsGetInfoReply, CNDMPSvGenericReply,
-                              enums::CNDMPMessageCode::NDMP_SVS_GET_INFO> {
+class CNDMPSvsGetInfoReply : public CNDMPMessageImpl<CNDMPSvsGetInfoReply, CNDMPSvGenericReply,
+                                                     enums::CNDMPMessageCode::NDMP_SVS_GET_INFO> {
  public:
   CXDRBool SvsLicensed;
   CXDRBool SvsEnabled;
@@ -913,13 +912,12 @@ class CNDMPSvpSetAccessInfoReply
 
 // ---------------------------------------------------------------- NDMP_SVP_GET_INFO
 
-class CNDMPSvpGetInfoRequest
-    : public CNDMPMessageImpl<CNDMPSvpGetInfoRequest, CNDMPGenericRequest,
-                              enums::CNDMPMessageCode::NDMP_SVP_GET_INFO> {};
+class CNDMPSvpGetInfoRequest : public CNDMPMessageImpl<CNDMPSvpGetInfoRequest, CNDMPGenericRequest,
+                                                       enums::CNDMPMessageCode::NDMP_SVP_GET_INFO> {
+};
 
-class CNDMPSvpGetInfoReply
-    : public CNDMPMessageImpl<CNDMPSvpGetInfoReply, CNDMPSvGenericReply,
-                              enums::CNDMPMessageCode::NDMP_SVP_GET_INFO> {
+class CNDMPSvpGetInfoReply : public CNDMPMessageImpl<CNDMPSvpGetInfoReply, CNDMPSvGenericReply,
+                                                     enums::CNDMPMessageCode::NDMP_SVP_GET_INFO> {
  public:
   CXDRBool SvpLicensed;
   CXDRBool SvpEnabled;
