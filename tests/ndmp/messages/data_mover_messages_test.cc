@@ -1,0 +1,416 @@
+#include "ndmpc/ndmp/messages/data_mover_messages.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <functional>
+#include <initializer_list>
+#include <memory>
+#include <string>
+#include <typeinfo>
+#include <vector>
+
+#include "ndmpc/ndmp/messages/message_access.h"
+#include "ndmpc/ndmp/messages/message_packet.h"
+#include "tests/support/wire_support.h"
+
+namespace com::vx::korvane::ndmpc::testing {
+namespace {
+
+using enums::CNDMPEnumAddrType;
+
+// Big-endian 4-byte words.
+std::vector<unsigned char> Words(std::initializer_list<std::uint32_t> words) {
+  std::vector<unsigned char> out;
+  for (std::uint32_t w : words) {
+    for (int shift = 24; shift >= 0; shift -= 8)
+      out.push_back(static_cast<unsigned char>(w >> shift));
+  }
+  return out;
+}
+
+CNDMPTcpAddr Tcp(std::uint32_t ip, int port, std::initializer_list<CNDMPPVal> env) {
+  CNDMPTcpAddr addr;
+  addr.IPAddress = ip;
+  addr.Port = port;
+  for (const CNDMPPVal& pval : env) addr.AddressEnv.AddItem(pval);
+  return addr;
+}
+
+// A TCP address filled for both layouts: two addresses with environments
+// (version 4) and the single address (version 3).
+void FillTcp(CNDMPAddr& addr) {
+  addr.AddressType = CNDMPEnumAddrType::NDMP_ADDR_TCP;
+  addr.TcpAddressList.AddItem(Tcp(0x7F000001, 10000, {CNDMPPVal("ab", "c"), CNDMPPVal("d", "")}));
+  addr.TcpAddressList.AddItem(Tcp(0x0A000002, 10001, {CNDMPPVal("e", "fgh"), CNDMPPVal("i", "j")}));
+  addr.TcpAddress = Tcp(0xC0A80001, 10002, {CNDMPPVal("k", "l"), CNDMPPVal("m", "n")});
+}
+
+// Sets `value` to `version` and encodes it.
+template <class T>
+std::string EncodeAt(T& value, unsigned int version) {
+  value.SetProtocolVersion(CXDREnumBase<enums::CNDMPProtocolVersion>(version));
+  return Hex(EncodeValue(value));
+}
+
+TEST(MoverGetStateReply, Version3HasNoModeWord) {
+  CNDMPMoverGetStateReply reply;
+  reply.Error = enums::CNDMPError::NDMP_DEVICE_BUSY_ERR;
+  reply.Mode = enums::CNDMPEnumMoverMode::NDMP_MOVER_MODE_WRITE;
+  reply.State = enums::CNDMPEnumMoverState::NDMP_MOVER_STATE_PAUSED;
+  reply.PauseReason = enums::CNDMPEnumMoverPauseReason::NDMP_MOVER_PAUSE_EOM;
+  reply.HaltReason = enums::CNDMPEnumMoverHaltReason::NDMP_MOVER_HALT_CONNECT_ERROR;
+  reply.RecordSize = 0x2800u;
+  reply.RecordNum = 7u;
+  reply.BytesMoved = CNDMPUQuad(0x100000002ull);
+  reply.SeekPosition = CNDMPUQuad(3);
+  reply.BytesLeftToRead = CNDMPUQuad(4);
+  reply.WindowOffset = CNDMPUQuad(5);
+  reply.WindowLength = CNDMPUQuad(6);
+  // Address type 0 (local): the type word alone.
+  const auto tail = Words({3, 1, 4, 0x2800, 7, 1, 2, 0, 3, 0, 4, 0, 5, 0, 6, 0});
+
+  EXPECT_EQ(EncodeAt(reply, 4), Hex(Concat({Words({2, 1}), tail})));
+  const auto v3 = Concat({Words({2}), tail});
+  EXPECT_EQ(EncodeAt(reply, 3), Hex(v3));
+  EXPECT_EQ(reply.SerializeSize(), v3.size());
+
+  CNDMPMoverGetStateReply back;
+  back.SetProtocolVersion(CXDREnumBase<enums::CNDMPProtocolVersion>(3u));
+  ASSERT_EQ(DecodeValue(v3, back), 0);
+  EXPECT_EQ(back.Error.getInt32(), 2u);
+  EXPECT_EQ(back.State.getInt32(), 3u);
+  EXPECT_EQ(back.WindowLength.getUint64(), 6u);
+}
+
+TEST(Addr, TcpIsACountedListWithEnvironmentsFromVersion4) {
+  CNDMPAddr addr;
+  addr.AddressType = CNDMPEnumAddrType::NDMP_ADDR_TCP;
+  addr.TcpAddressList.AddItem(Tcp(0x7F000001, 10000, {CNDMPPVal("ab", "c")}));
+  addr.TcpAddressList.AddItem(Tcp(0x0A000002, 10001, {}));
+  addr.TcpAddress = Tcp(0xC0A80001, 10002, {CNDMPPVal("x", "y")});
+
+  const auto v4 = Concat({Words({1, 2, 0x7F000001, 10000, 1, 2}), Bytes({'a', 'b', 0, 0}),
+                          Words({1}), Bytes({'c', 0, 0, 0}), Words({0x0A000002, 10001, 0})});
+  EXPECT_EQ(EncodeAt(addr, 4), Hex(v4));
+  EXPECT_EQ(addr.SerializeSize(), v4.size());
+  // Version 3: exactly one address, without an environment.
+  EXPECT_EQ(EncodeAt(addr, 3), Hex(Words({1, 0xC0A80001, 10002})));
+  EXPECT_EQ(addr.SerializeSize(), 12u);
+
+  CNDMPAddr back3;
+  back3.SetProtocolVersion(CXDREnumBase<enums::CNDMPProtocolVersion>(3u));
+  ASSERT_EQ(DecodeValue(Words({1, 0x01020304, 99}), back3), 0);
+  EXPECT_EQ(back3.TcpAddress.IPAddress.getInt32(), 0x01020304u);
+  EXPECT_EQ(back3.TcpAddress.Port.getInt32(), 99u);
+
+  CNDMPAddr back4;
+  ASSERT_EQ(DecodeValue(v4, back4), 0);
+  ASSERT_EQ(back4.TcpAddressList.size(), 2u);
+  EXPECT_EQ(back4.TcpAddressList[0].AddressEnv[0].Name.GetString(), "ab");
+  EXPECT_EQ(back4.TcpAddressList[1].Port.getInt32(), 10001u);
+}
+
+TEST(Addr, EncodesTheArmItsTypeSelects) {
+  struct Case {
+    const char* name;
+    std::uint32_t type;
+    std::vector<unsigned char> expected;
+  };
+  const std::vector<Case> cases = {
+      {"local", CNDMPEnumAddrType::NDMP_ADDR_LOCAL, Words({0})},
+      {"reserved", CNDMPEnumAddrType::NDMP_ADDR_RESERVED, Words({2})},
+      {"ipc", CNDMPEnumAddrType::NDMP_ADDR_IPC,
+       Concat({Words({3, 5}), Bytes({1, 2, 3, 4, 5, 0, 0, 0})})},
+      {"fc", CNDMPAddr::kFcAddressType, Words({4, 9})},
+      {"unknown", 99, Words({99})},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    CNDMPAddr addr;
+    FillTcp(addr);  // present in the object, never on the wire for these types
+    const unsigned char comm[] = {1, 2, 3, 4, 5};
+    addr.IPCAddress.CommData.SetData(comm, sizeof comm);
+    addr.FcAddress.LoopID = 9u;
+    addr.AddressType = CXDREnumBase<CNDMPEnumAddrType>(c.type);
+    for (unsigned int version : {3u, 4u}) {
+      EXPECT_EQ(EncodeAt(addr, version), Hex(c.expected));
+      EXPECT_EQ(addr.SerializeSize(), c.expected.size());
+    }
+    // Decoding re-registers: a fresh TCP-typed record follows the new type.
+    CNDMPAddr back;
+    FillTcp(back);
+    ASSERT_EQ(DecodeValue(c.expected, back), 0);
+    EXPECT_EQ(back.AddressType.getInt32(), c.type);
+    EXPECT_EQ(Hex(EncodeValue(back)), Hex(c.expected));
+  }
+}
+
+TEST(Addr, TypeChosenAfterTheVersionStillEncodesUnderThatVersion) {
+  CNDMPMoverConnectRequest request;
+  request.SetProtocolVersion(CXDREnumBase<enums::CNDMPProtocolVersion>(3u));
+  // The address was local when the version reached it; now it becomes TCP.
+  request.Mode = enums::CNDMPEnumMoverMode::NDMP_MOVER_MODE_READ;
+  FillTcp(request.Address);
+  EXPECT_EQ(Hex(EncodeValue(request)), Hex(Words({0, 1, 0xC0A80001, 10002})));
+}
+
+TEST(Addr, DumpsTheVersion3TcpArm) {
+  CNDMPAddr addr;
+  FillTcp(addr);
+  addr.SetProtocolVersion(CXDREnumBase<enums::CNDMPProtocolVersion>(3u));
+  EXPECT_EQ(addr.DumpContents(0),
+            "\nAddressType = 0x1:NDMP_ADDR_TCP"
+            "\nTcpAddress = \n{"
+            "\n    IPAddress = 3232235521"
+            "\n    Port = 10002"
+            "\n}");
+}
+
+TEST(DataGetStateReply, PacketAtVersion3DecodesTheNestedAddressAsVersion3) {
+  const auto header = Words({5, 0, 1, 0x400, 4, 0});
+  const auto body = Words({0, 0, 1, 1, 0, 0, 100, 0, 0, 0,  // up to EstTimeRemain
+                           1, 0x7F000001, 10000,            // one TCP address, no environment
+                           0, 0, 0, 0x10});                 // ReadOffset, ReadLength
+  CNDMPMessagePacket packet;
+  packet.SetProtocolVersion(CXDREnumBase<enums::CNDMPProtocolVersion>(3u));
+  ASSERT_EQ(DecodeValue(Concat({header, body}), packet), 0);
+  auto* reply = dynamic_cast<CNDMPDataGetStateReply*>(packet.GetMessage());
+  ASSERT_NE(reply, nullptr);
+  EXPECT_EQ(reply->DataConnAddress.TcpAddress.IPAddress.getInt32(), 0x7F000001u);
+  EXPECT_EQ(reply->ReadLength.getUint64(), 0x10u);
+  EXPECT_EQ(Hex(EncodeValue(*reply)), Hex(body));
+
+  // The same bytes read under version 4 take the address word for a count
+  // and run out of data.
+  CNDMPMessagePacket packet4;
+  EXPECT_EQ(DecodeValue(Concat({header, body}), packet4), XDR_FAILURE);
+}
+
+const std::type_info& TypeOf(const CNDMPMessage& message) { return typeid(message); }
+
+// Every class of the family, populated.
+struct RoundTripCase {
+  const char* name;
+  std::function<std::unique_ptr<CNDMPMessage>()> make;
+};
+
+template <class T>
+std::unique_ptr<CNDMPMessage> Empty() {
+  return std::make_unique<T>();
+}
+
+template <class T>
+std::unique_ptr<CNDMPMessage> ErrorOnly() {
+  auto m = std::make_unique<T>();
+  m->NDMP_Error = enums::CNDMPError::NDMP_ILLEGAL_STATE_ERR;
+  return m;
+}
+
+template <class T>
+std::unique_ptr<CNDMPMessage> OffsetLength() {
+  auto m = std::make_unique<T>();
+  m->Offset = CNDMPUQuad(0x123456789ull);
+  m->Length = CNDMPUQuad(0xFFFFFFFFFull);
+  return m;
+}
+
+template <class T>
+std::unique_ptr<CNDMPMessage> Recover() {
+  auto m = std::make_unique<T>();
+  m->Environments.AddItem(CNDMPPVal("FILESYSTEM", "/vol/a"));
+  m->Environments.AddItem(CNDMPPVal("HIST", "y"));
+  for (int i = 0; i < 2; ++i) {
+    CNDMPName name;
+    name.OriginalPath = "/a/b" + std::to_string(i);
+    name.DestinationDir = "/restore";
+    name.Name = "b";
+    name.OtherName = "B~1";
+    name.Node = CNDMPUQuad(77u + i);
+    name.FileHistoryInfo = CNDMPUQuad(0x100000000ull);
+    m->NameList.AddItem(name);
+  }
+  m->BackupTypeName = "dump";
+  return m;
+}
+
+const std::vector<RoundTripCase>& Cases() {
+  static const std::vector<RoundTripCase> cases = {
+      {"DataGetStateRequest", Empty<CNDMPDataGetStateRequest>},
+      {"DataGetStateReply",
+       [] {
+         auto m = std::make_unique<CNDMPDataGetStateReply>();
+         m->Unsupported = 3u;
+         m->NDMP_Error = enums::CNDMPError::NDMP_IO_ERR;
+         m->Operation = enums::CNDMPEnumDataOperation::NDMP_DATA_OP_BACKUP;
+         m->State = enums::CNDMPEnumDataState::NDMP_DATA_STATE_ACTIVE;
+         m->HaltReason = enums::CNDMPEnumDataHaltReason::NDMP_DATA_HALT_ABORTED;
+         m->BytesProcessed = CNDMPUQuad(0x500000001ull);
+         m->EstBytesRemain = CNDMPUQuad(2);
+         m->EstTimeRemain = 60u;
+         FillTcp(m->DataConnAddress);
+         m->ReadOffset = CNDMPUQuad(8);
+         m->ReadLength = CNDMPUQuad(9);
+         return std::unique_ptr<CNDMPMessage>(std::move(m));
+       }},
+      {"DataStartBackupRequest",
+       [] {
+         auto m = std::make_unique<CNDMPDataStartBackupRequest>();
+         m->BUTypeName = "tar";
+         m->Environments.AddItem(CNDMPPVal("LEVEL", "0"));
+         m->Environments.AddItem(CNDMPPVal("UPDATE", "yes"));
+         return std::unique_ptr<CNDMPMessage>(std::move(m));
+       }},
+      {"DataStartBackupReply", ErrorOnly<CNDMPDataStartBackupReply>},
+      {"DataStartRecoverRequest", Recover<CNDMPDataStartRecoverRequest>},
+      {"DataStartRecoverReply", ErrorOnly<CNDMPDataStartRecoverReply>},
+      {"DataAbortRequest", Empty<CNDMPDataAbortRequest>},
+      {"DataAbortReply", ErrorOnly<CNDMPDataAbortReply>},
+      {"DataGetEnvRequest", Empty<CNDMPDataGetEnvRequest>},
+      {"DataGetEnvReply",
+       [] {
+         auto m = std::make_unique<CNDMPDataGetEnvReply>();
+         m->Error = enums::CNDMPError::NDMP_NOT_SUPPORTED_ERR;
+         m->Environments.AddItem(CNDMPPVal("TYPE", "dump"));
+         m->Environments.AddItem(CNDMPPVal("", "odd"));
+         return std::unique_ptr<CNDMPMessage>(std::move(m));
+       }},
+      {"DataStopRequest", Empty<CNDMPDataStopRequest>},
+      {"DataStopReply", ErrorOnly<CNDMPDataStopReply>},
+      {"DataListenRequest",
+       [] {
+         auto m = std::make_unique<CNDMPDataListenRequest>();
+         m->AddressType = CNDMPEnumAddrType::NDMP_ADDR_IPC;
+         return std::unique_ptr<CNDMPMessage>(std::move(m));
+       }},
+      {"DataListenReply",
+       [] {
+         auto m = std::make_unique<CNDMPDataListenReply>();
+         m->Error = enums::CNDMPError::NDMP_CONNECT_ERR;
+         FillTcp(m->DataConnAddress);
+         return std::unique_ptr<CNDMPMessage>(std::move(m));
+       }},
+      {"DataConnectRequest",
+       [] {
+         auto m = std::make_unique<CNDMPDataConnectRequest>();
+         FillTcp(m->Address);
+         return std::unique_ptr<CNDMPMessage>(std::move(m));
+       }},
+      {"DataConnectReply", ErrorOnly<CNDMPDataConnectReply>},
+      {"DataStartRecoverFilehistRequest", Recover<CNDMPDataStartRecoverFilehistRequest>},
+      {"DataStartRecoverFilehistReply", ErrorOnly<CNDMPDataStartRecoverFilehistReply>},
+      {"CabDataConnectPrepareRequest",
+       [] {
+         auto m = std::make_unique<CNDMPCabDataConnectPrepareRequest>();
+         m->AddressType = CNDMPEnumAddrType::NDMP_ADDR_TCP;
+         m->BackupTypeName = "smtape";
+         m->Environments.AddItem(CNDMPPVal("A", "1"));
+         m->Environments.AddItem(CNDMPPVal("BB", "22"));
+         return std::unique_ptr<CNDMPMessage>(std::move(m));
+       }},
+      {"CabDataConnectPrepareReply", ErrorOnly<CNDMPCabDataConnectPrepareReply>},
+      {"MoverGetStateRequest", Empty<CNDMPMoverGetStateRequest>},
+      {"MoverGetStateReply",
+       [] {
+         auto m = std::make_unique<CNDMPMoverGetStateReply>();
+         m->Error = enums::CNDMPError::NDMP_EOM_ERR;
+         m->Mode = enums::CNDMPEnumMoverMode::NDMP_MOVER_MODE_NOACTION;
+         m->State = enums::CNDMPEnumMoverState::NDMP_MOVER_STATE_HALTED;
+         m->PauseReason = enums::CNDMPEnumMoverPauseReason::NDMP_MOVER_PAUSE_EOW;
+         m->HaltReason = enums::CNDMPEnumMoverHaltReason::NDMP_MOVER_HALT_MEDIA_ERROR;
+         m->RecordSize = 10240u;
+         m->RecordNum = 12u;
+         m->BytesMoved = CNDMPUQuad(0x700000000ull);
+         m->SeekPosition = CNDMPUQuad(1);
+         m->BytesLeftToRead = CNDMPUQuad(2);
+         m->WindowOffset = CNDMPUQuad(3);
+         m->WindowLength = CNDMPUQuad(0xFFFFFFFFFFFFFFFFull);
+         m->DataConnAddress.AddressType = CNDMPEnumAddrType::NDMP_ADDR_IPC;
+         const unsigned char comm[] = {9, 8, 7};
+         m->DataConnAddress.IPCAddress.CommData.SetData(comm, sizeof comm);
+         return std::unique_ptr<CNDMPMessage>(std::move(m));
+       }},
+      {"MoverListenRequest",
+       [] {
+         auto m = std::make_unique<CNDMPMoverListenRequest>();
+         m->Mode = enums::CNDMPEnumMoverMode::NDMP_MOVER_MODE_WRITE;
+         m->AddressType = CNDMPEnumAddrType::NDMP_ADDR_TCP;
+         return std::unique_ptr<CNDMPMessage>(std::move(m));
+       }},
+      {"MoverListenReply",
+       [] {
+         auto m = std::make_unique<CNDMPMoverListenReply>();
+         m->Error = enums::CNDMPError::NDMP_NO_MEM_ERR;
+         m->Address.AddressType = CXDREnumBase<CNDMPEnumAddrType>(CNDMPAddr::kFcAddressType);
+         m->Address.FcAddress.LoopID = 0x7Eu;
+         return std::unique_ptr<CNDMPMessage>(std::move(m));
+       }},
+      {"MoverContinueRequest", Empty<CNDMPMoverContinueRequest>},
+      {"MoverContinueReply", ErrorOnly<CNDMPMoverContinueReply>},
+      {"MoverAbortRequest", Empty<CNDMPMoverAbortRequest>},
+      {"MoverAbortReply", ErrorOnly<CNDMPMoverAbortReply>},
+      {"MoverStopRequest", Empty<CNDMPMoverStopRequest>},
+      {"MoverStopReply", ErrorOnly<CNDMPMoverStopReply>},
+      {"MoverSetWindowRequest", OffsetLength<CNDMPMoverSetWindowRequest>},
+      {"MoverSetWindowReply", ErrorOnly<CNDMPMoverSetWindowReply>},
+      {"MoverReadRequest", OffsetLength<CNDMPMoverReadRequest>},
+      {"MoverReadReply", ErrorOnly<CNDMPMoverReadReply>},
+      {"MoverCloseRequest", Empty<CNDMPMoverCloseRequest>},
+      {"MoverCloseReply", ErrorOnly<CNDMPMoverCloseReply>},
+      {"MoverSetRecordSizeRequest",
+       [] {
+         auto m = std::make_unique<CNDMPMoverSetRecordSizeRequest>();
+         m->RecordLength = 65536u;
+         return std::unique_ptr<CNDMPMessage>(std::move(m));
+       }},
+      {"MoverSetRecordSizeReply", ErrorOnly<CNDMPMoverSetRecordSizeReply>},
+      {"MoverConnectRequest",
+       [] {
+         auto m = std::make_unique<CNDMPMoverConnectRequest>();
+         m->Mode = enums::CNDMPEnumMoverMode::NDMP_MOVER_MODE_READ;
+         FillTcp(m->Address);
+         return std::unique_ptr<CNDMPMessage>(std::move(m));
+       }},
+      {"MoverConnectReply", ErrorOnly<CNDMPMoverConnectReply>},
+  };
+  return cases;
+}
+
+TEST(DataMoverMessages, EveryClassRoundTripsThroughTheFactory) {
+  for (const RoundTripCase& c : Cases()) {
+    for (unsigned int version : {3u, 4u}) {
+      SCOPED_TRACE(std::string(c.name) + " v" + std::to_string(version));
+      std::unique_ptr<CNDMPMessage> original = c.make();
+      original->SetProtocolVersion(CXDREnumBase<enums::CNDMPProtocolVersion>(version));
+      const auto wire = EncodeValue(*original);
+      EXPECT_EQ(original->SerializeSize(), wire.size());
+
+      std::unique_ptr<CNDMPMessage> fresh(
+          CNDMPMessageAccess::Make(CNDMPMessageAccess::Code(*original).getInt32(),
+                                   CNDMPMessageAccess::Type(*original).getInt32()));
+      ASSERT_NE(fresh, nullptr);
+      ASSERT_EQ(TypeOf(*fresh), TypeOf(*original));
+      fresh->SetProtocolVersion(CXDREnumBase<enums::CNDMPProtocolVersion>(version));
+      ASSERT_EQ(DecodeValue(wire, *fresh), 0);
+      EXPECT_EQ(Hex(EncodeValue(*fresh)), Hex(wire));
+
+      std::unique_ptr<CNDMPMessage> copy(CNDMPMessageAccess::Clone(*fresh));
+      fresh.reset();  // the copy must not lean on its source
+      EXPECT_EQ(Hex(EncodeValue(*copy)), Hex(wire));
+    }
+  }
+}
+
+TEST(DataMoverMessages, FactoryRepliesForEveryNonZeroType) {
+  std::unique_ptr<CNDMPMessage> reply(CNDMPMessageAccess::Make(0xA06, 7));
+  EXPECT_NE(dynamic_cast<CNDMPMoverReadReply*>(reply.get()), nullptr);
+  std::unique_ptr<CNDMPMessage> prepare(CNDMPMessageAccess::Make(0x20520001, 0));
+  EXPECT_NE(dynamic_cast<CNDMPCabDataConnectPrepareRequest*>(prepare.get()), nullptr);
+  // Gaps of the data range stay empty.
+  for (unsigned int code : {0x405u, 0x406u, 0x408u, 0xA0Au}) {
+    EXPECT_EQ(CNDMPMessageAccess::Make(code, 0), nullptr) << code;
+  }
+}
+
+}  // namespace
+}  // namespace com::vx::korvane::ndmpc::testing
