@@ -44,6 +44,7 @@ struct CSent {
   std::size_t frame = 0;
   std::uint32_t sequence = 0;
   std::uint32_t replySequence = 0;
+  std::size_t requestFrame = 0;  // for a reply: the frame of its request
   std::uint32_t timeStamp = 0;
   std::size_t bodyLength = 0;
   std::string problem;  // set when the case could not be encoded
@@ -152,7 +153,7 @@ void BuildAndDecode(CRun& run) {
     CTcpConversation conversation(pcap, kClientIp, static_cast<std::uint16_t>(40000 + version),
                                   kServerIp, kNdmpPort, clock);
     conversation.Open();
-    std::map<std::uint32_t, std::uint32_t> lastRequest;  // code -> sequence
+    std::map<std::uint32_t, std::pair<std::uint32_t, std::size_t>> lastRequest;  // code -> seq, frame
     for (std::size_t index : ConversationOrder(cases, version)) {
       const CTsharkCase& c = cases[index];
       CSent& sent = run.sent[index];
@@ -160,8 +161,10 @@ void BuildAndDecode(CRun& run) {
       const bool post = c.code >= 0x500 && c.code < 0x800;
       sent.sequence = sequence++;
       sent.timeStamp = clock++;
-      sent.replySequence = reply ? lastRequest[c.code] : 0;
-      if (!reply) lastRequest[c.code] = sent.sequence;
+      if (reply) {
+        sent.replySequence = lastRequest[c.code].first;
+        sent.requestFrame = lastRequest[c.code].second;
+      }
       std::unique_ptr<CNDMPMessage> body = c.make();
       std::vector<unsigned char> raw =
           EncodePacket(*body, c.version, sent, c.headerError, &sent.problem);
@@ -173,6 +176,7 @@ void BuildAndDecode(CRun& run) {
       sent.bodyLength = payload.size() - 24;
       // Requests travel to the server; replies and posts come from it.
       sent.frame = conversation.Send(!reply && !post, raw);
+      if (!reply) lastRequest[c.code] = {sent.sequence, sent.frame};
     }
     conversation.Close();
     clock += 100;
@@ -303,6 +307,13 @@ void CheckCase(const CTsharkCase& c, const CSent& sent) {
   EXPECT_TRUE(Matches(Num("ndmp.error", c.headerError), *errors[0]))
       << "header ndmp.error: expected " << c.headerError << ", tshark shows"
       << Describe({errors[0]});
+  // tshark pairs a reply with its request by the sequence numbers.
+  if (sent.requestFrame != 0) {
+    const auto links = packet.Find("ndmp.request_frame");
+    EXPECT_TRUE(links.size() == 1 && links[0]->show == std::to_string(sent.requestFrame))
+        << "tshark does not pair the reply with its request in frame " << sent.requestFrame
+        << Describe(links);
+  }
 
   if (unknown) return;  // tshark reads the header only; nothing more to compare
 

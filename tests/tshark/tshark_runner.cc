@@ -96,9 +96,13 @@ std::vector<const CPdmlField*> CPdmlPacket::Find(const std::string& name) const 
 
 std::vector<CTsharkProblem> ProblemsOf(const CPdmlPacket& packet) {
   std::vector<CTsharkProblem> problems;
-  for (const auto& p : packet.protocols) {
-    if (p == "_ws.malformed") problems.push_back({p, "Malformed Packet"});
-  }
+  auto add = [&problems](const std::string& proto, const std::string& text) {
+    for (const auto& p : problems) {
+      if (p.proto == proto && p.text == text) return;
+    }
+    problems.push_back({proto, text});
+  };
+  if (packet.HasProtocol("_ws.malformed")) add("_ws.malformed", "Malformed Packet");
   // An expert item is "_ws.expert" with its message and severity as children.
   std::string message;
   for (const auto& f : packet.fields) {
@@ -106,11 +110,8 @@ std::vector<CTsharkProblem> ProblemsOf(const CPdmlPacket& packet) {
     if (f.name == "_ws.expert.severity") {
       const unsigned long severity = std::strtoul(f.show.c_str(), nullptr, 0);
       if (severity >= kExpertWarning) {
-        problems.push_back({f.proto, (severity > kExpertWarning ? "error: " : "warning: ") + message});
+        add(f.proto, (severity > kExpertWarning ? "error: " : "warning: ") + message);
       }
-    }
-    if (f.name == "_ws.malformed" || f.name == "_ws.malformed.expert") {
-      problems.push_back({f.proto, "malformed: " + f.showname});
     }
   }
   return problems;
