@@ -132,9 +132,12 @@ CXDREnumBase<CNDMPError> CNDMPConnection::ConnectWith(
   }
   for (CNDMPProtocolVersion::enum_value offer : offers) {
     CXDREnumBase<CNDMPProtocolVersion> version(offer);
+    // A server that accepts this offer may post messages right behind its
+    // reply, in the offered version; the receive thread reads them before
+    // the reply has reached this thread, so it decodes so from the offer on.
+    receiveThread_->SetProtocolVersion(version);
     if (SetupProtocolVersion(version) == CNDMPError::NDMP_NO_ERR) {
       version_ = version.getInt32();
-      receiveThread_->SetProtocolVersion(version);
       connected_ = true;
       authenticated_ = false;
       return CNDMPError::NDMP_NO_ERR;
