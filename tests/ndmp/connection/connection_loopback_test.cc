@@ -92,10 +92,11 @@ class CServingScript {
           std::lock_guard<std::mutex> lock(mutex_);
           ok = std::find(accepted_.begin(), accepted_.end(), seen.offered) != accepted_.end();
         }
+        // Switched before answering: the client's next request may follow at once.
+        if (ok) serving.SetProtocolVersion(CXDREnumBase<CNDMPProtocolVersion>(seen.offered));
         CNDMPConnectOpenReply reply;
         reply.NDMP_Error = ok ? CNDMPError::NDMP_NO_ERR : CNDMPError::NDMP_ILLEGAL_ARGS_ERR;
         serving.SendMessage(reply, seen.sequence);
-        if (ok) serving.SetProtocolVersion(CXDREnumBase<CNDMPProtocolVersion>(seen.offered));
         break;
       }
       case CNDMPMessageCode::NDMP_CONFIG_GET_HOST_INFO: {

@@ -88,11 +88,12 @@ class MisbehavingPeer : public ::testing::Test {
 
   CCapturingLog log;
   CScriptPeer peer;
+  CPacketRecorder all;     // registered by tests for every packet
+  CPacketRecorder halted;  // registered by tests for NDMP_NOTIFY_DATA_HALTED
   CNDMPConnection client{"127.0.0.1", "127.0.0.1", log, peer.port()};
 };
 
 TEST_F(MisbehavingPeer, RefusedVersion4ThenVersion3DecodesLaterPacketsUnderVersion3) {
-  CPacketRecorder halted;
   client.RegisterCallback(&halted, CXDREnumBase<CNDMPMessageCode>(
                                        CNDMPMessageCode::NDMP_NOTIFY_DATA_HALTED));
   std::uint32_t first = 0, second = 0, secondSequence = 0;
@@ -170,7 +171,6 @@ INSTANTIATE_TEST_SUITE_P(
     [](const ::testing::TestParamInfo<CReplyCase>& info) { return info.param.name; });
 
 TEST_F(MisbehavingPeer, TakesOnlyTheReplyWithItsCodeAndSequence) {
-  CPacketRecorder all;
   client.RegisterCallback(&all);
   Connect([](CScriptPeer& p) {
     CRawRecord request = p.ReadRecord();
@@ -243,7 +243,6 @@ INSTANTIATE_TEST_SUITE_P(
     [](const ::testing::TestParamInfo<CCloseCase>& info) { return info.param.name; });
 
 TEST_F(MisbehavingPeer, UnknownCodeIsLoggedAndDropped) {
-  CPacketRecorder all;
   client.RegisterCallback(&all);
   Connect([](CScriptPeer& p) {
     p.Write(PostRecord(0x7777, XdrU32(1)));
@@ -263,7 +262,6 @@ TEST_F(MisbehavingPeer, UnknownCodeIsLoggedAndDropped) {
 }
 
 TEST_F(MisbehavingPeer, DisconnectReturnsPromptlyWhileThePeerStallsInsideARecord) {
-  CPacketRecorder halted;
   client.RegisterCallback(&halted, CXDREnumBase<CNDMPMessageCode>(
                                        CNDMPMessageCode::NDMP_NOTIFY_DATA_HALTED));
   Connect([](CScriptPeer& p) {
