@@ -1,0 +1,293 @@
+// The alternate login against a raw peer: the 8-byte handshake and its
+// answer, the 688-byte login record byte for byte (credential fields
+// protected by a test routine), NDMP traffic afterwards, and the cases in
+// which nothing may be sent.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "ndmpc/ndmp/connection/connection.h"
+#include "ndmpc/ndmp/messages/connect_config_messages.h"
+#include "ndmpc/ndmp/messages/notify_log_fh_messages.h"
+#include "tests/support/peer_support.h"
+#include "tests/support/wire_support.h"
+
+namespace com::vx::korvane::ndmpc {
+namespace {
+
+using enums::CNDMPError;
+using enums::CNDMPMessageCode;
+using testing::AnswerOpen;
+using testing::Bytes;
+using testing::CCapturingLog;
+using testing::Concat;
+using testing::CPacketRecorder;
+using testing::CRawRecord;
+using testing::CScriptPeer;
+using testing::HandleTag;
+using testing::Hex;
+using testing::PostRecord;
+using testing::ReplyRecord;
+using testing::XdrString;
+using testing::XdrU32;
+
+constexpr std::size_t kLoginSize = 688;
+constexpr unsigned char kMask = 0x5A;
+
+std::string Err(const CXDREnumBase<CNDMPError>& error) { return error.ToString(); }
+
+// The test's credential protection: XOR with 0x5A, noting each field length.
+class CXorProtector {
+ public:
+  CNDMPCredentialProtector Routine() {
+    return [this](unsigned char* field, unsigned int length) {
+      for (unsigned int i = 0; i < length; ++i) field[i] ^= kMask;
+      std::lock_guard<std::mutex> lock(mutex_);
+      lengths_.push_back(length);
+      return true;
+    };
+  }
+  std::vector<unsigned int> Lengths() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return lengths_;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<unsigned int> lengths_;
+};
+
+// The login record built here from its layout, independently of the library.
+std::vector<unsigned char> ExpectedLogin(const std::string& first, const std::string& second,
+                                         const char* third) {
+  std::vector<unsigned char> b(kLoginSize, 0);
+  b[4] = 0x03;  // 800, network order
+  b[5] = 0x20;
+  const std::uint16_t hostOrder680 = 680, hostOrder260 = 260;
+  std::memcpy(&b[6], &hostOrder680, 2);
+  for (std::size_t i = 0; i < 48; ++i) {
+    b[184 + i] = static_cast<unsigned char>((i < first.size() ? first[i] : 0) ^ kMask);
+  }
+  for (std::size_t i = 0; i < 24; ++i) {
+    b[232 + i] = static_cast<unsigned char>((i < second.size() ? second[i] : 0) ^ kMask);
+  }
+  std::memcpy(&b[256], &hostOrder260, 2);
+  b[259] = 0x0E;
+  b[263] = 1;  // 1, network order
+  if (third != nullptr && std::strlen(third) < 52) {
+    std::memcpy(&b[264], third, std::strlen(third));  // the terminator is the zero after it
+  }
+  b[431] = 1;  // 1, network order
+  b[686] = 0x17;
+  return b;
+}
+
+std::vector<unsigned char> HandshakeAnswer(std::vector<unsigned char> body) {
+  std::vector<unsigned char> answer = Bytes({0, 0, 0x53, 0, 0, 0, 0, 0});
+  answer[6] = static_cast<unsigned char>(body.size() >> 8);
+  answer[7] = static_cast<unsigned char>(body.size());
+  return Concat({answer, body});
+}
+
+std::vector<unsigned char> HostInfoBody() {
+  return Concat({XdrU32(0), XdrString("filer-7"), XdrString("KorOS"), XdrString("7.1"),
+                 XdrString("0042")});
+}
+
+bool IsHostInfoRequest(const CRawRecord& r) {
+  return r.complete && r.header.code == CNDMPMessageCode::NDMP_CONFIG_GET_HOST_INFO;
+}
+
+// What the peer read of the alternate login.
+struct CLoginSeen {
+  std::string handshake;
+  std::vector<unsigned char> login;
+  std::vector<std::uint32_t> requestSequences;
+  bool trafficInOrder = true;
+};
+
+class AlternateMode : public ::testing::Test {
+ protected:
+  // Sends NDMP_CONFIG_GET_HOST_INFO; the host named in the reply, or the error.
+  std::string AskHost() {
+    CNDMPConfigGetHostInfoRequest request;
+    CNDMPMessage* reply = nullptr;
+    CXDREnumBase<CNDMPError> result = client.SendMessage(request, &reply, 10);
+    if (result != CNDMPError::NDMP_NO_ERR) return Err(result);
+    auto* host = dynamic_cast<CNDMPConfigGetHostInfoReply*>(reply);
+    std::string name = host != nullptr ? host->hostname.GetString() : "(no body)";
+    client.FreeMessage(reply);
+    return name;
+  }
+
+  CCapturingLog log;
+  CScriptPeer peer;
+  CXorProtector protector;
+  CPacketRecorder halted;
+  CNDMPConnection client{"127.0.0.1", "127.0.0.1", log, peer.port()};
+};
+
+TEST_F(AlternateMode, HandshakeLoginThenNdmpTraffic) {
+  CLoginSeen seen;
+  peer.Run([&seen](CScriptPeer& p) {
+    seen.handshake = Hex(p.ReadBytes(8));
+    p.Write(HandshakeAnswer(Bytes({1, 2, 3, 4, 5})));  // a body that must be read and dropped
+    seen.login = p.ReadBytes(kLoginSize);
+    p.Write(Bytes({9, 9, 9, 9, 9, 9, 9, 9}));
+    // From here on the connection speaks NDMP records.
+    p.Write(PostRecord(CNDMPMessageCode::NDMP_NOTIFY_DATA_HALTED,
+                       XdrU32(enums::CNDMPEnumDataHaltReason::NDMP_DATA_HALT_SUCCESSFUL)));
+    for (int i = 0; i < 2; ++i) {
+      CRawRecord request = p.ReadRecord();
+      seen.trafficInOrder &= IsHostInfoRequest(request);
+      seen.requestSequences.push_back(request.header.sequence);
+      p.Write(ReplyRecord(request.header, HostInfoBody()));
+    }
+    p.ReadUntilClosed();
+  });
+  client.SetCredentialProtector(protector.Routine());
+  client.RegisterCallback(&halted, CXDREnumBase<CNDMPMessageCode>(
+                                       CNDMPMessageCode::NDMP_NOTIFY_DATA_HALTED));
+
+  ASSERT_EQ(Err(client.PAGConnect()), "NDMP_NO_ERR");
+  EXPECT_TRUE(client.IsConnected());
+  EXPECT_FALSE(client.IsAuthenticated());
+  ASSERT_EQ(Err(client.PAGAuthenticate("operator", "pa55word", "backup-host")), "NDMP_NO_ERR");
+  EXPECT_FALSE(client.IsAuthenticated());
+  EXPECT_EQ(client.GetProtocolVersion().getInt32(), 4u);
+
+  ASSERT_EQ(halted.WaitFor(1), 1u);
+  EXPECT_EQ(AskHost(), "filer-7");
+  // A second login is not sent: the next bytes are the next request.
+  EXPECT_EQ(Err(client.PAGAuthenticate("operator", "pa55word", "backup-host")), "NDMP_NO_ERR");
+  EXPECT_EQ(AskHost(), "filer-7");
+  client.Disconnect();
+  ASSERT_TRUE(peer.Join());
+
+  EXPECT_EQ(seen.handshake, "00 00 53 00 00 00 00 00");
+  EXPECT_EQ(Hex(seen.login), Hex(ExpectedLogin("operator", "pa55word", "backup-host")));
+  EXPECT_EQ(protector.Lengths(), (std::vector<unsigned int>{48, 24}));
+  EXPECT_TRUE(seen.trafficInOrder);
+  EXPECT_EQ(seen.requestSequences, (std::vector<std::uint32_t>{1, 2}));
+}
+
+// Texts at and beyond the widths of their fields.
+struct CLoginCase {
+  const char* name;
+  std::string first;
+  std::string second;
+  const char* third;
+  bool defaultProtector;  // the routine for every connection instead of this one's
+};
+
+class AlternateModeLogin : public AlternateMode,
+                           public ::testing::WithParamInterface<CLoginCase> {};
+
+TEST_P(AlternateModeLogin, LaysOutTheLoginRecord) {
+  const CLoginCase& c = GetParam();
+  std::vector<unsigned char> login;
+  peer.Run([&login](CScriptPeer& p) {
+    p.ReadBytes(8);
+    p.Write(HandshakeAnswer({}));
+    login = p.ReadBytes(kLoginSize);
+    p.Write(std::vector<unsigned char>(8, 0));
+    p.ReadUntilClosed();
+  });
+  // The default routine is process-wide: it is removed again whatever happens.
+  struct CDefaultRoutine {
+    explicit CDefaultRoutine(CNDMPCredentialProtector routine) {
+      CNDMPConnection::SetDefaultCredentialProtector(std::move(routine));
+    }
+    ~CDefaultRoutine() { CNDMPConnection::SetDefaultCredentialProtector(nullptr); }
+  };
+  std::unique_ptr<CDefaultRoutine> defaultRoutine;
+  if (c.defaultProtector) {
+    defaultRoutine = std::make_unique<CDefaultRoutine>(protector.Routine());
+  } else {
+    client.SetCredentialProtector(protector.Routine());
+  }
+  ASSERT_EQ(Err(client.PAGConnect()), "NDMP_NO_ERR");
+  EXPECT_EQ(Err(client.PAGAuthenticate(c.first.c_str(), c.second.c_str(), c.third)),
+            "NDMP_NO_ERR");
+  client.Disconnect();
+  ASSERT_TRUE(peer.Join());
+  EXPECT_EQ(Hex(login), Hex(ExpectedLogin(c.first, c.second, c.third)));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Texts, AlternateModeLogin,
+    ::testing::Values(
+        // 60 characters fill the 48-byte field without a terminator; 51 still fit.
+        CLoginCase{"LongFirstThird51", std::string(60, 'u'), std::string(30, 'p'),
+                   "012345678901234567890123456789012345678901234567890", false},
+        CLoginCase{"Third52IsNotSent", "op", "pw",
+                   "0123456789012345678901234567890123456789012345678901", false},
+        CLoginCase{"NoThirdWithDefaultRoutine", "", "", nullptr, true}),
+    [](const ::testing::TestParamInfo<CLoginCase>& info) { return info.param.name; });
+
+TEST_F(AlternateMode, LoginIsNotSentOnAnOrdinaryConnection) {
+  client.SetCredentialProtector(protector.Routine());
+  // Idle: nothing to do.
+  EXPECT_EQ(Err(client.PAGAuthenticate("operator", "pw", "host")), "NDMP_NO_ERR");
+  bool inOrder = false;
+  peer.Run([&inOrder](CScriptPeer& p) {
+    if (AnswerOpen(p) != 4) return;
+    CRawRecord request = p.ReadRecord();
+    inOrder = IsHostInfoRequest(request);
+    if (inOrder) p.Write(ReplyRecord(request.header, HostInfoBody()));
+    p.ReadUntilClosed();
+  });
+  ASSERT_EQ(Err(client.Connect()), "NDMP_NO_ERR");
+  EXPECT_EQ(Err(client.PAGAuthenticate("operator", "pw", "host")), "NDMP_NO_ERR");
+  EXPECT_EQ(AskHost(), "filer-7");
+  client.Disconnect();
+  ASSERT_TRUE(peer.Join());
+  EXPECT_TRUE(inOrder);
+  EXPECT_TRUE(protector.Lengths().empty());
+}
+
+struct CUnprotectedCase {
+  const char* name;
+  bool failingRoutine;  // else no routine at all
+  const char* logged;
+};
+
+class AlternateModeUnprotected : public AlternateMode,
+                                 public ::testing::WithParamInterface<CUnprotectedCase> {};
+
+TEST_P(AlternateModeUnprotected, CredentialsAreNeverSentUnprotected) {
+  const CUnprotectedCase& c = GetParam();
+  std::vector<unsigned char> afterHandshake = Bytes({0xEE});
+  peer.Run([&afterHandshake](CScriptPeer& p) {
+    p.ReadBytes(8);
+    p.Write(HandshakeAnswer({}));
+    afterHandshake = p.ReadUntilClosed();
+  });
+  if (c.failingRoutine) {
+    client.SetCredentialProtector([](unsigned char*, unsigned int) { return false; });
+  }
+  ASSERT_EQ(Err(client.PAGConnect()), "NDMP_NO_ERR");
+  EXPECT_EQ(Err(client.PAGAuthenticate("operator", "pw", "host")), "NDMP_NOT_AUTHORIZED_ERR");
+  EXPECT_TRUE(log.Contains(HandleTag(&client) + " " + c.logged)) << c.logged;
+  client.Disconnect();
+  ASSERT_TRUE(peer.Join());
+  EXPECT_TRUE(afterHandshake.empty()) << Hex(afterHandshake);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Routines, AlternateModeUnprotected,
+    ::testing::Values(
+        CUnprotectedCase{"NoRoutine", false,
+                         "No credential protection routine is set; alternate login not sent"},
+        CUnprotectedCase{"RoutineFails", true,
+                         "Credential protection failed; alternate login not sent"}),
+    [](const ::testing::TestParamInfo<CUnprotectedCase>& info) { return info.param.name; });
+
+}  // namespace
+}  // namespace com::vx::korvane::ndmpc
