@@ -193,6 +193,25 @@ TEST(NdmpcExitStatus, MatchesTheDocumentedCodes) {
   }
 }
 
+TEST(NdmpcAgents, ScsiMoverAndDataStateAreShown) {
+  CSimFixture sim;
+  CRunResult r = RunNdmpc(With(sim.Target(), {"scsi", "changer0"}));
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_TRUE(Contains(r.out, "SCSI device changer0: controller 0")) << r.out;
+  r = RunNdmpc(With(sim.Target(), {"scsi", "changer9"}));
+  EXPECT_EQ(r.status, 5);
+  EXPECT_TRUE(Contains(r.err, "NDMP_NO_DEVICE_ERR")) << r.err;
+  r = RunNdmpc(With(sim.Target(), {"--protocol", "3", "--json", "mover", "state"}));
+  ASSERT_EQ(r.status, 0) << r.err;
+  CJson json;
+  ASSERT_TRUE(ParseJson(r.out, &json)) << r.out;
+  EXPECT_EQ(json["state"]["State"]["name"].text, "NDMP_MOVER_STATE_IDLE");
+  EXPECT_FALSE(json["state"].Has("Mode")) << r.out;  // not in version 3
+  r = RunNdmpc(With(sim.Target(), {"data", "state"}));
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_TRUE(Contains(r.out, "NDMP_DATA_STATE_IDLE")) << r.out;
+}
+
 TEST(NdmpcConnect, ForcedVersionTheServerDoesNotOfferFails) {
   CSimServerConfig config = CSimFixture::DefaultConfig();
   config.versions = {4};
