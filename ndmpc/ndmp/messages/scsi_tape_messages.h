@@ -38,18 +38,15 @@ class CNDMPExecuteCdbRequest : public CNDMPRequestMessage {
 
 class CNDMPExecuteCdbReply : public CNDMPReplyMessage {
  public:
+  static constexpr unsigned char kGoodStatus[1] = {0};
+
   CXDREnumBase<enums::CNDMPError> NDMP_Error;
-  // The SCSI status byte, carried as a counted opaque; holds one zero byte
-  // until set or decoded.
-  CXDROpaque Status;
+  // The SCSI status byte, an opaque made from one byte of data and so of
+  // fixed length 1: one byte and three bytes of padding on the wire.
+  CXDROpaque Status{CXDROpaque(kGoodStatus, 1)};
   CXDRULong DataOutLength;
   CXDROpaque DataIn;
   CXDROpaque ExtSenseData;
-
-  CNDMPExecuteCdbReply() {
-    const unsigned char good = 0;
-    Status.SetData(&good, 1);
-  }
 
  protected:
   int RegisterMembers() override {
@@ -207,7 +204,7 @@ class CNDMPTapeGetStateReply
   CXDRULong BlockNo;
   CNDMPUQuad TotalSpace;
   CNDMPUQuad SpaceRemaining;
-  CXDRULong Partition;
+  CXDRULong Partition;  // version 3 only: the version 4 reply ends with SpaceRemaining
 
  protected:
   int RegisterMembers() override {
@@ -220,7 +217,7 @@ class CNDMPTapeGetStateReply
     RegisterMember("BlockNo", &BlockNo);
     RegisterMember("TotalSpace", &TotalSpace);
     RegisterMember("SpaceRemaining", &SpaceRemaining);
-    RegisterMember("Partition", &Partition);
+    if (Version() <= 3) RegisterMember("Partition", &Partition);
     return 0;
   }
 };

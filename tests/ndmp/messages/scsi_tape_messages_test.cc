@@ -24,7 +24,7 @@ void SetOpaque(CXDROpaque& opaque, unsigned int length, unsigned char first) {
   opaque.SetData(bytes.data(), bytes.size());
 }
 
-TEST(ScsiTapeMessages, TapeStateCarriesTwo64BitSpacesAfterSevenWords) {
+TEST(ScsiTapeMessages, TapeStateCarriesTwo64BitSpacesAfterSevenWordsAndPartitionInVersion3) {
   const auto wire = Bytes({0, 0, 0, 0x11,                       // Unsupported
                            0, 0, 0, 0x07,                       // NDMP_Error
                            0, 0, 0, 0x22,                       // Flags
@@ -36,6 +36,7 @@ TEST(ScsiTapeMessages, TapeStateCarriesTwo64BitSpacesAfterSevenWords) {
                            0, 0, 0, 0x03, 0xF0, 0, 0, 0x04,     // SpaceRemaining
                            0, 0, 0, 0x09});                     // Partition
   CNDMPTapeGetStateReply reply;
+  reply.SetProtocolVersion(CXDREnumBase<enums::CNDMPProtocolVersion>(3u));
   ASSERT_EQ(DecodeValue(wire, reply), 0);
   EXPECT_EQ(reply.Unsupported, 0x11u);
   EXPECT_EQ(reply.NDMP_Error, enums::CNDMPError::NDMP_IO_ERR);
@@ -47,6 +48,7 @@ TEST(ScsiTapeMessages, TapeStateCarriesTwo64BitSpacesAfterSevenWords) {
   EXPECT_EQ(reply.SerializeSize(), 48u);
 
   CNDMPTapeGetStateReply built;
+  built.SetProtocolVersion(CXDREnumBase<enums::CNDMPProtocolVersion>(3u));
   built.Unsupported = 0x11;
   built.NDMP_Error = enums::CNDMPError::NDMP_IO_ERR;
   built.Flags = 0x22;
@@ -58,6 +60,15 @@ TEST(ScsiTapeMessages, TapeStateCarriesTwo64BitSpacesAfterSevenWords) {
   built.SpaceRemaining = 0x3F0000004ULL;
   built.Partition = 9;
   EXPECT_EQ(Hex(EncodeValue(built)), Hex(wire));
+
+  // Version 4 ends with SpaceRemaining.
+  CNDMPTapeGetStateReply v4;
+  const std::vector<unsigned char> v4Wire(wire.begin(), wire.end() - 4);
+  ASSERT_EQ(DecodeValue(v4Wire, v4), 0);
+  EXPECT_EQ(v4.SpaceRemaining.getUint64(), 0x3F0000004ULL);
+  EXPECT_EQ(v4.SerializeSize(), 44u);
+  v4.Partition = 9;  // not part of the version 4 layout
+  EXPECT_EQ(Hex(EncodeValue(v4)), Hex(v4Wire));
 }
 
 TEST(ScsiTapeMessages, ScsiTargetNumbersTravelAsFullWords) {
@@ -93,9 +104,10 @@ TEST(ScsiTapeMessages, ArgumentlessRequestsAreEmpty) {
 }
 
 TEST(ScsiTapeMessages, CdbBodiesAreSharedAndDifferOnlyInCode) {
-  // A fresh reply holds a one-byte status: counted opaque 1, byte 0, padding.
+  // A fresh reply holds a one-byte status made from data: the byte and its
+  // padding, no length word.
   const auto freshReply = Bytes({0, 0, 0, 0,               // NDMP_Error
-                                 0, 0, 0, 1, 0, 0, 0, 0,   // Status
+                                 0, 0, 0, 0,               // Status
                                  0, 0, 0, 0,               // DataOutLength
                                  0, 0, 0, 0,               // DataIn
                                  0, 0, 0, 0});             // ExtSenseData
@@ -126,6 +138,7 @@ TEST(ScsiTapeMessages, CdbBodiesAreSharedAndDifferOnlyInCode) {
 
 TEST(ScsiTapeMessages, TapeStateDumpShowsNestedQuads) {
   CNDMPTapeGetStateReply reply;
+  reply.SetProtocolVersion(CXDREnumBase<enums::CNDMPProtocolVersion>(3u));
   reply.Flags = 2;
   reply.BlockSize = 512;
   reply.TotalSpace = 0x100000002ULL;
