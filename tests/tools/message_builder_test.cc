@@ -123,6 +123,11 @@ TEST(MessageBuilder, FillsListsAndUnions) {
   EXPECT_FALSE(ApplyAssignment(*connect4, "Address.TcpAddress[].Port=1", &error));
   ASSERT_TRUE(ApplyAssignment(*connect4, "Address.AddressType=NDMP_ADDR_TCP", &error)) << error;
   ASSERT_TRUE(ApplyAssignment(*connect4, "Address.TcpAddress[].Port=10001", &error)) << error;
+  ASSERT_TRUE(ApplyAssignment(*connect4, "Address.TcpAddress[0].IPAddress=10.1.2.3", &error))
+      << error;
+  auto* mover = dynamic_cast<CNDMPMoverConnectRequest*>(connect4.get());
+  ASSERT_EQ(mover->Address.TcpAddressList.size(), 1u);
+  EXPECT_EQ(mover->Address.TcpAddressList[0].IPAddress, 0x0A010203u);
   auto connect3 = MakeRequest(enums::CNDMPMessageCode::NDMP_MOVER_CONNECT, 3);
   ASSERT_TRUE(ApplyAssignment(*connect3, "Address.AddressType=tcp", &error)) << error;
   EXPECT_FALSE(ApplyAssignment(*connect3, "Address.TcpAddress[].Port=1", &error));

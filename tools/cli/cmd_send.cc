@@ -212,8 +212,12 @@ int CommandMessages(CCommandContext& context) {
     return kExitOk;
   }
   for (const CMessageInfo& info : KnownMessages()) {
-    std::fprintf(context.out, "%-44s %-11s%s\n", info.name.c_str(), HexCode(info.code).c_str(),
-                 info.noReply ? "  (no reply)" : "");
+    if (info.noReply) {
+      std::fprintf(context.out, "%-44s %-11s  (no reply)\n", info.name.c_str(),
+                   HexCode(info.code).c_str());
+    } else {
+      std::fprintf(context.out, "%-44s %s\n", info.name.c_str(), HexCode(info.code).c_str());
+    }
   }
   return kExitOk;
 }

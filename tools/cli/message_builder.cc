@@ -1,5 +1,7 @@
 #include "tools/cli/message_builder.h"
 
+#include <arpa/inet.h>
+
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
@@ -9,6 +11,7 @@
 #include "ndmpc/ndmp/messages/connect_config_messages.h"
 #include "ndmpc/ndmp/messages/message_access.h"
 #include "ndmpc/ndmp/messages/message_factory.h"
+#include "ndmpc/ndmp/messages/union_record.h"
 #include "tools/cli/xdr_reflect.h"
 
 namespace com::vx::korvane::ndmpc::tools {
@@ -311,6 +314,12 @@ bool SetValueFromText(CIXDR& value, const std::string& text, std::string* error)
     case CIXDR::MEMBER_ULONG: {
       const bool narrow = dynamic_cast<CXDRUShort*>(&value) != nullptr;
       std::uint64_t number = 0;
+      in_addr address{};
+      if (!narrow && ::inet_pton(AF_INET, text.c_str(), &address) == 1) {
+        // An IPv4 address in dotted form, as the protocol carries it.
+        static_cast<CXDRULong&>(value) = ntohl(address.s_addr);
+        return true;
+      }
       if (!ParseNumber(text, narrow ? 0xFFFFu : 0xFFFFFFFFu, &number)) {
         *error = "'" + text + "' is not a " + (narrow ? "16" : "32") + "-bit number";
         return false;
@@ -475,41 +484,65 @@ bool ApplyAssignment(CXDRContainer& message, const std::string& assignment, std:
   return true;
 }
 
-void DescribeFields(CXDRContainer& record, int level, std::string* out) {
+namespace {
+
+void DescribeMember(const CXDRContainer::MemberItem& item, int level, std::string* out) {
   const std::string indent(static_cast<std::size_t>(level) * 2, ' ');
-  const std::size_t n = MemberCount(record);
-  if (n == 0 && level == 1) *out += indent + "(no fields)\n";
-  for (std::size_t i = 0; i < n; ++i) {
-    const CXDRContainer::MemberItem& item = record.GetMember(i);
-    CIXDR& member = *item.member;
-    std::string line = indent + item.name;
-    if (member.GetMemberType() == CIXDR::MEMBER_ARRAY) {
-      const CArrayAccess* access = ArrayAccessOf(member);
-      if (access == nullptr) {
-        *out += line + "[]  list\n";
-        continue;
-      }
-      CIXDR& prototype = access->Prototype();
-      auto* nested = dynamic_cast<CXDRContainer*>(&prototype);
-      if (nested != nullptr && dynamic_cast<CNDMPUQuad*>(&prototype) == nullptr) {
-        *out += line + "[]  list of records" +
-                (dynamic_cast<CNDMPPVal*>(&prototype) != nullptr ? " (or NAME=VALUE)" : "") +
-                "\n";
-        DescribeFields(*nested, level + 1, out);
-      } else {
-        *out += line + "[]  list of " + KindText(prototype) + " (repeat to add)\n";
-      }
-      continue;
+  CIXDR& member = *item.member;
+  std::string line = indent + item.name;
+  if (member.GetMemberType() == CIXDR::MEMBER_ARRAY) {
+    const CArrayAccess* access = ArrayAccessOf(member);
+    if (access == nullptr) {
+      *out += line + "[]  list\n";
+      return;
     }
-    auto* nested = dynamic_cast<CXDRContainer*>(&member);
-    if (nested != nullptr && dynamic_cast<CNDMPUQuad*>(&member) == nullptr) {
-      *out += line + "  record\n";
+    CIXDR& prototype = access->Prototype();
+    auto* nested = dynamic_cast<CXDRContainer*>(&prototype);
+    if (nested != nullptr && dynamic_cast<CNDMPUQuad*>(&prototype) == nullptr) {
+      *out += line + "[]  list of records" +
+              (dynamic_cast<CNDMPPVal*>(&prototype) != nullptr ? " (or NAME=VALUE)" : "") + "\n";
       DescribeFields(*nested, level + 1, out);
-      continue;
+    } else {
+      *out += line + "[]  list of " + KindText(prototype) + " (repeat to add)\n";
     }
-    if (line.size() < 28) line.append(28 - line.size(), ' ');
-    *out += line + "  " + KindText(member) + "\n";
+    return;
   }
+  auto* nested = dynamic_cast<CXDRContainer*>(&member);
+  if (nested != nullptr && dynamic_cast<CNDMPUQuad*>(&member) == nullptr) {
+    *out += line + "  record\n";
+    DescribeFields(*nested, level + 1, out);
+    return;
+  }
+  if (line.size() < 28) line.append(28 - line.size(), ' ');
+  *out += line + "  " + KindText(member) + "\n";
+}
+
+}  // namespace
+
+void DescribeFields(CXDRContainer& record, int level, std::string* out) {
+  const std::size_t n = MemberCount(record);
+  if (n == 0 && level == 1) *out += std::string(2, ' ') + "(no fields)\n";
+  if (dynamic_cast<CNDMPUnionRecord*>(&record) != nullptr && n >= 1) {
+    // A union: its discriminant, then the fields each of its values selects.
+    const CXDRContainer::MemberItem discriminant = record.GetMember(0);
+    DescribeMember(discriminant, level, out);
+    const CEnumInfo* info = EnumInfoOf(discriminant.member);
+    if (info == nullptr) return;
+    auto& value = static_cast<CXDRULong&>(*discriminant.member);
+    const unsigned int saved = value.getInt32();
+    for (std::size_t row = 0; row < info->table->count; ++row) {
+      value = info->table->rows[row].value;
+      const std::size_t m = MemberCount(record);
+      if (m <= 1) continue;
+      *out += std::string(static_cast<std::size_t>(level) * 2, ' ') + "with " + discriminant.name +
+              "=" + info->table->rows[row].name + ":\n";
+      for (std::size_t i = 1; i < m; ++i) DescribeMember(record.GetMember(i), level + 1, out);
+    }
+    value = saved;
+    MemberCount(record);
+    return;
+  }
+  for (std::size_t i = 0; i < n; ++i) DescribeMember(record.GetMember(i), level, out);
 }
 
 bool ReplyCarriesError(CXDRContainer& reply, std::string* name) {

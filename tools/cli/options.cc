@@ -403,7 +403,9 @@ Fields are named as the dump shows them:
   Mode=NDMP_TAPE_RDWR_MODE  Mode=rdwr   enumerations by name, unique part, or number
   DataOut=0x0a0b0c  DataOut=hex:0a0b0c  opaque bytes (or text:abc)
   Offset=1099511627776                  64-bit numbers
-  Address.AddressType=NDMP_ADDR_TCP     fields of nested records
+  Address.AddressType=NDMP_ADDR_TCP     fields of nested records (a union's
+                                        fields follow its type: set that first)
+  Address.TcpAddress[0].IPAddress=10.0.0.5  IPv4 addresses in dotted form
   Environments=HIST=y                   name/value lists: repeat to add pairs
   Env[0].Name=HIST Env[0].Value=y       elements by index; Field[] appends
   AuthenticationTypes=md5               lists of plain values: repeat to add
