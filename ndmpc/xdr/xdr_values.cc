@@ -182,7 +182,8 @@ int CXDROpaque::DeSerialize(CXDRStream& stream) {
 }
 
 unsigned int CXDROpaque::SerializeSize() {
-  std::uint64_t n = (fixed_ ? 0 : 4) + data_.size();
+  // A fixed-length value always writes exactly its fixed size.
+  std::uint64_t n = fixed_ ? fixedSize_ : 4 + data_.size();
   return static_cast<unsigned int>(n + Padding(n));
 }
 

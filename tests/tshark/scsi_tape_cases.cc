@@ -27,9 +27,9 @@ void FillCdbRequest(Request& m) {
   m.CmdDataBlock.SetData(kInquiryCdb.data(), kInquiryCdb.size());
 }
 
-// "Status" is a counted opaque (length word, then the byte), where the
-// protocol has the status as a 4-byte number; only an empty opaque, status
-// GOOD, has the same bytes, so that is what is shown to tshark here.
+// "Status" is one byte of fixed-length opaque (the byte, then three bytes
+// of padding), where the protocol has a 4-byte number; they agree for status
+// GOOD, which is what is shown to tshark here.
 void FillCdbReplyStatus(CNDMPExecuteCdbReply& m) {
   m.NDMP_Error = Err(CNDMPError::NDMP_NO_ERR);
   m.Status.SetData(nullptr, 0);
