@@ -178,13 +178,20 @@ TEST(JsonWriter, EscapesEverythingThatMustBe) {
   EXPECT_EQ(parsed.members.size(), 2u);
   EXPECT_EQ(parsed["n"].number, 9223372036854775808.0);
   CJsonWriter empty;
-  empty.BeginObject().Key("a").BeginArray().EndArray().Key("b").BeginObject().EndObject().EndObject();
+  empty.BeginObject()
+      .Key("a")
+      .BeginArray()
+      .EndArray()
+      .Key("b")
+      .BeginObject()
+      .EndObject()
+      .EndObject();
   EXPECT_EQ(empty.Text(), "{\n  \"a\": [],\n  \"b\": {}\n}");
 }
 
 TEST(Options, ParsesSharedAndCommandOptions) {
-  const char* argv[] = {"ndmpc", "-vv", "-Hfiler1", "tape", "--port=10001", "write", "d",
-                        "-",     "--record-size", "256K", "--", "--json"};
+  const char* argv[] = {"ndmpc", "-vv", "-Hfiler1",      "tape", "--port=10001", "write",
+                        "d",     "-",   "--record-size", "256K", "--",           "--json"};
   COptions options;
   std::string error;
   ASSERT_TRUE(ParseOptions(12, argv, &options, &error)) << error;
@@ -194,9 +201,13 @@ TEST(Options, ParsesSharedAndCommandOptions) {
   EXPECT_EQ(options.recordSize, 256u * 1024);
   EXPECT_FALSE(options.json);
   EXPECT_EQ(options.args, (std::vector<std::string>{"tape", "write", "d", "-", "--json"}));
-  for (std::vector<const char*> bad : std::vector<std::vector<const char*>>{
-           {"ndmpc", "--port", "70000"}, {"ndmpc", "--protocol", "5"}, {"ndmpc", "--nope"},
-           {"ndmpc", "-p"}, {"ndmpc", "--json=1"}, {"ndmpc", "--record-size", "0"}}) {
+  for (std::vector<const char*> bad :
+       std::vector<std::vector<const char*>>{{"ndmpc", "--port", "70000"},
+                                             {"ndmpc", "--protocol", "5"},
+                                             {"ndmpc", "--nope"},
+                                             {"ndmpc", "-p"},
+                                             {"ndmpc", "--json=1"},
+                                             {"ndmpc", "--record-size", "0"}}) {
     COptions o;
     EXPECT_FALSE(ParseOptions(static_cast<int>(bad.size()), bad.data(), &o, &error)) << bad[1];
   }

@@ -71,12 +71,12 @@ TEST(NdmpcTape, WriteThenReadGivesBackTheSameBytes) {
   CSimFixture sim;
   CTempDir files;
   const std::string original = WriteRandomFile(files.File("in.bin"), 300 * 1000, 7);
-  CRunResult w = RunNdmpc(With(sim.Target(), {"tape", "write", "t1", files.File("in.bin"),
-                                              "--record-size", "64K"}));
+  CRunResult w = RunNdmpc(
+      With(sim.Target(), {"tape", "write", "t1", files.File("in.bin"), "--record-size", "64K"}));
   ASSERT_EQ(w.status, 0) << w.err;
   EXPECT_TRUE(Contains(w.out, "(300000 bytes) in 5 records to t1")) << w.out;
-  CRunResult r = RunNdmpc(With(sim.Target(), {"tape", "read", "t1", files.File("out.bin"),
-                                              "--record-size", "65536"}));
+  CRunResult r = RunNdmpc(
+      With(sim.Target(), {"tape", "read", "t1", files.File("out.bin"), "--record-size", "65536"}));
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_TRUE(Contains(r.out, "up to a filemark")) << r.out;
   EXPECT_TRUE(ReadFile(files.File("out.bin")) == original);
@@ -91,7 +91,8 @@ TEST(NdmpcTape, SecondFileIsReachedWithFileOption) {
   ASSERT_EQ(
       RunNdmpc(With(sim.Target(), {"tape", "write", "t", files.File("b"), "--no-rewind"})).status,
       0);
-  CRunResult r = RunNdmpc(With(sim.Target(), {"tape", "read", "t", files.File("c"), "--file", "1"}));
+  CRunResult r =
+      RunNdmpc(With(sim.Target(), {"tape", "read", "t", files.File("c"), "--file", "1"}));
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_TRUE(ReadFile(files.File("c")) == b);
 
@@ -113,8 +114,8 @@ TEST(NdmpcTape, BusyTapeIsReportedWithTheErrorName) {
   CNDMPConnection holder("127.0.0.1", "", QuietLog(), sim.Port());
   ASSERT_EQ(holder.Connect(), enums::CNDMPError::NDMP_NO_ERR);
   ASSERT_EQ(holder.Authenticate("ndmp", "secret"), enums::CNDMPError::NDMP_NO_ERR);
-  ASSERT_EQ(CNDMPTapeHelper::TapeOpen(&holder, "t", enums::CNDMPEnumTapeOpenMode::NDMP_TAPE_RDWR_MODE,
-                                      false),
+  ASSERT_EQ(CNDMPTapeHelper::TapeOpen(&holder, "t",
+                                      enums::CNDMPEnumTapeOpenMode::NDMP_TAPE_RDWR_MODE, false),
             enums::CNDMPError::NDMP_NO_ERR);
   CRunResult r = RunNdmpc(With(sim.Target(), {"tape", "state", "t"}));
   EXPECT_EQ(r.status, 5);
@@ -179,7 +180,11 @@ TEST(NdmpcExitStatus, MatchesTheDocumentedCodes) {
       {"error reply", {"send", "NDMP_TAPE_GET_STATE"}, true, false, 5, "NDMP_DEV_NOT_OPEN_ERR"},
       {"unknown command", {"frobnicate"}, true, false, 2, "unknown command"},
       {"bad option value", {"--timeout", "soon", "info"}, true, false, 2, "--timeout"},
-      {"missing local file", {"tape", "write", "t", "/nonexistent/x"}, true, false, 1,
+      {"missing local file",
+       {"tape", "write", "t", "/nonexistent/x"},
+       true,
+       false,
+       1,
        "cannot read"},
   };
   for (const CExitCase& c : cases) {

@@ -77,9 +77,12 @@ TEST(SimServer, AuthenticatesOnlyWithTheConfiguredMethodsAndCredentials) {
     bool accepted;
   };
   const CCase cases[] = {
-      {true, false, false, "ndmp", "secret", true},   {true, false, false, "ndmp", "wrong", false},
-      {true, false, false, "other", "secret", false}, {false, true, false, "ndmp", "secret", true},
-      {false, true, false, "ndmp", "wrong", false},   {false, false, true, "", "", true},
+      {true, false, false, "ndmp", "secret", true},
+      {true, false, false, "ndmp", "wrong", false},
+      {true, false, false, "other", "secret", false},
+      {false, true, false, "ndmp", "secret", true},
+      {false, true, false, "ndmp", "wrong", false},
+      {false, false, true, "", "", true},
       {true, true, false, "", "", false},
   };
   for (const CCase& c : cases) {
@@ -189,9 +192,9 @@ TEST(SimServer, TapeAgentAnswersLikeADrive) {
   ASSERT_EQ(CNDMPTapeHelper::TapeClose(b.get()), CNDMPError::NDMP_NO_ERR);
   ASSERT_EQ(CNDMPTapeHelper::TapeOpen(b.get(), "t", Mode::NDMP_TAPE_RDWR_MODE, false),
             CNDMPError::NDMP_NO_ERR);
-  EXPECT_EQ(CNDMPTapeHelper::TapeWrite(b.get(), big.data(), static_cast<unsigned int>(big.size()),
-                                       &n),
-            CNDMPError::NDMP_ILLEGAL_ARGS_ERR);
+  EXPECT_EQ(
+      CNDMPTapeHelper::TapeWrite(b.get(), big.data(), static_cast<unsigned int>(big.size()), &n),
+      CNDMPError::NDMP_ILLEGAL_ARGS_ERR);
 }
 
 TEST(SimServer, TapeEndsAtItsCapacity) {
@@ -275,8 +278,8 @@ TEST(SimServer, ServesManyClientsAtOnce) {
       unsigned int resid = 0;
       for (int r = 0; r < 4; ++r) {
         if (CNDMPTapeHelper::TapeWrite(client.get(), data.data(),
-                                       static_cast<unsigned int>(data.size()), &n) !=
-            CNDMPError::NDMP_NO_ERR) {
+                                       static_cast<unsigned int>(data.size()),
+                                       &n) != CNDMPError::NDMP_NO_ERR) {
           failures[i] = "write";
           return;
         }
@@ -285,8 +288,8 @@ TEST(SimServer, ServesManyClientsAtOnce) {
       std::vector<unsigned char> back(data.size());
       for (int r = 0; r < 4; ++r) {
         if (CNDMPTapeHelper::TapeRead(client.get(), back.data(),
-                                      static_cast<unsigned int>(back.size()), &n) !=
-                CNDMPError::NDMP_NO_ERR ||
+                                      static_cast<unsigned int>(back.size()),
+                                      &n) != CNDMPError::NDMP_NO_ERR ||
             back != data) {
           failures[i] = "read";
           return;
@@ -322,8 +325,8 @@ TEST(SimServer, SurvivesGarbageAndKeepsServingOthers) {
   // A fragment header announcing 2 GiB, then a little data.
   SendRaw(sim.Port(), {0xFF, 0xFF, 0xFF, 0xF0, 1, 2, 3, 4});
   // A whole record holding only a header with an unknown message code.
-  SendRaw(sim.Port(), {0x80, 0, 0, 24, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0,
-                       0x7E, 0x57, 0xC0, 0xDE, 0, 0, 0, 0, 0, 0, 0, 0});
+  SendRaw(sim.Port(), {0x80, 0, 0,    24,   0,    0,    0, 1, 0, 0, 0, 0, 0, 0,
+                       0,    0, 0x7E, 0x57, 0xC0, 0xDE, 0, 0, 0, 0, 0, 0, 0, 0});
   // A client stuck inside a huge record, still connected while the others
   // are served (and while the server stops at the end).
   VxTcpSocket stuck;

@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
@@ -16,8 +17,6 @@
 #include <fstream>
 #include <random>
 #include <sstream>
-
-#include <gtest/gtest.h>
 
 extern char** environ;
 
@@ -75,17 +74,34 @@ class CJsonParser {
       if (pos_ >= text_.size()) return false;
       char e = text_[pos_++];
       switch (e) {
-        case '"': *out += '"'; break;
-        case '\\': *out += '\\'; break;
-        case '/': *out += '/'; break;
-        case 'b': *out += '\b'; break;
-        case 'f': *out += '\f'; break;
-        case 'n': *out += '\n'; break;
-        case 'r': *out += '\r'; break;
-        case 't': *out += '\t'; break;
+        case '"':
+          *out += '"';
+          break;
+        case '\\':
+          *out += '\\';
+          break;
+        case '/':
+          *out += '/';
+          break;
+        case 'b':
+          *out += '\b';
+          break;
+        case 'f':
+          *out += '\f';
+          break;
+        case 'n':
+          *out += '\n';
+          break;
+        case 'r':
+          *out += '\r';
+          break;
+        case 't':
+          *out += '\t';
+          break;
         case 'u': {
           if (pos_ + 4 > text_.size()) return false;
-          unsigned int cp = static_cast<unsigned int>(std::stoul(text_.substr(pos_, 4), nullptr, 16));
+          unsigned int cp =
+              static_cast<unsigned int>(std::stoul(text_.substr(pos_, 4), nullptr, 16));
           pos_ += 4;
           // Enough for the tests: code points below U+0800 as UTF-8.
           if (cp < 0x80) {

@@ -169,14 +169,14 @@ int CClientSession::Open(CINDMPCallback* watcher) {
                           DiagnoseConnect(options.host, options.port) +
                           "): check the host and port, or that the NDMP service is running");
     }
-    std::string offered = options.protocol == 0 ? std::string("NDMP version 4 or 3")
-                                                : "NDMP version " +
-                                                      std::to_string(options.protocol);
-    return Complain(context_, kExitConnect,
-                    "connected to " + Where() + ", but the server did not agree on " + offered +
-                        ": check that this is an NDMP service" +
-                        (options.protocol == 0 ? std::string()
-                                               : std::string(", or try another --protocol")));
+    std::string offered = options.protocol == 0
+                              ? std::string("NDMP version 4 or 3")
+                              : "NDMP version " + std::to_string(options.protocol);
+    return Complain(
+        context_, kExitConnect,
+        "connected to " + Where() + ", but the server did not agree on " + offered +
+            ": check that this is an NDMP service" +
+            (options.protocol == 0 ? std::string() : std::string(", or try another --protocol")));
   }
   version_ = connection_->GetProtocolVersion().getInt32();
   context_.log.info("connected to %s, NDMP version %u", Where().c_str(), version_);
@@ -198,12 +198,11 @@ int CClientSession::Open(CINDMPCallback* watcher) {
         }
       }
     }
-    return Complain(context_, kExitAuth,
-                    "authentication as '" + options.user + "' at " + Where() + " failed (" +
-                        ErrorName(setup->auth) +
-                        "): check the user name and password" +
-                        (offered.empty() ? std::string()
-                                         : " (the server offers: " + offered + ")"));
+    return Complain(
+        context_, kExitAuth,
+        "authentication as '" + options.user + "' at " + Where() + " failed (" +
+            ErrorName(setup->auth) + "): check the user name and password" +
+            (offered.empty() ? std::string() : " (the server offers: " + offered + ")"));
   }
   std::fprintf(context_.err,
                "ndmpc: warning: not authenticated: no --user given and %s refused a login "
@@ -250,8 +249,7 @@ int CClientSession::Request(CNDMPMessage& request, std::unique_ptr<CNDMPMessage>
   const bool lost = !connection_->IsConnected();
   if (error == CNDMPError::NDMP_CONNECT_ERR || (error == CNDMPError::NDMP_TIMEOUT_ERR && lost)) {
     if (quiet) return kExitConnect;
-    return Complain(context_, kExitConnect,
-                    name + ": the connection to " + Where() + " was lost");
+    return Complain(context_, kExitConnect, name + ": the connection to " + Where() + " was lost");
   }
   if (error == CNDMPError::NDMP_TIMEOUT_ERR) {
     if (quiet) return kExitFailure;

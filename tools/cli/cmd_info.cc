@@ -106,8 +106,9 @@ void TextDevices(std::FILE* out, const char* title, CXDRArray<CNDMPDeviceInfo>& 
   std::fprintf(out, "%s:%s\n", title, count == 0 ? " none" : "");
   for (CNDMPDeviceInfo& info : devices) {
     for (CNDMPDeviceCapability& capability : info.CapabilityList) {
-      std::fprintf(out, "  %-20s model %s, attributes 0x%X\n", capability.Device.GetString().c_str(),
-                   info.Model.GetString().c_str(), capability.Attributes.getInt32());
+      std::fprintf(out, "  %-20s model %s, attributes 0x%X\n",
+                   capability.Device.GetString().c_str(), info.Model.GetString().c_str(),
+                   capability.Attributes.getInt32());
       if (capability.Capability.size() != 0) {
         std::fprintf(out, "    %s\n", EnvText(capability.Capability).c_str());
       }
@@ -305,7 +306,8 @@ int CommandInfo(CCommandContext& context) {
     std::fprintf(out, "Connection types:  %s\n", connection.Why().c_str());
   }
   if (butypes.reply != nullptr) {
-    std::fprintf(out, "Backup types:%s\n", butypes.reply->BackupTypeInfo.size() == 0 ? " none" : "");
+    std::fprintf(out, "Backup types:%s\n",
+                 butypes.reply->BackupTypeInfo.size() == 0 ? " none" : "");
     for (CNDMPConfigButypeInfo& info : butypes.reply->BackupTypeInfo) {
       std::fprintf(out, "  %-20s attributes 0x%X\n", info.BackupTypeName.GetString().c_str(),
                    info.Attributes.getInt32());
@@ -319,14 +321,13 @@ int CommandInfo(CCommandContext& context) {
   if (fs.reply != nullptr) {
     std::fprintf(out, "File systems:%s\n", fs.reply->FsInfoArray.size() == 0 ? " none" : "");
     for (CNDMPFsInfo& info : fs.reply->FsInfoArray) {
-      std::fprintf(out, "  %-20s %s on %s, %s used of %s, %s free%s%s\n",
-                   info.LogDeviceName.GetString().c_str(), info.FSType.GetString().c_str(),
-                   info.PhysDeviceName.GetString().c_str(),
-                   HumanBytes(info.UsedSize.getUint64()).c_str(),
-                   HumanBytes(info.TotalSize.getUint64()).c_str(),
-                   HumanBytes(info.AvailSize.getUint64()).c_str(),
-                   info.FSStatus.GetString().empty() ? "" : ", ",
-                   info.FSStatus.GetString().c_str());
+      std::fprintf(
+          out, "  %-20s %s on %s, %s used of %s, %s free%s%s\n",
+          info.LogDeviceName.GetString().c_str(), info.FSType.GetString().c_str(),
+          info.PhysDeviceName.GetString().c_str(), HumanBytes(info.UsedSize.getUint64()).c_str(),
+          HumanBytes(info.TotalSize.getUint64()).c_str(),
+          HumanBytes(info.AvailSize.getUint64()).c_str(),
+          info.FSStatus.GetString().empty() ? "" : ", ", info.FSStatus.GetString().c_str());
     }
   } else {
     std::fprintf(out, "File systems:      %s\n", fs.Why().c_str());

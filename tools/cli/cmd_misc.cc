@@ -54,8 +54,9 @@ bool MakeServerConfig(const COptions& options, CSimServerConfig* config, std::st
   config->password = options.password;
   config->maxRecordSize = options.maxRecord;
   config->tapeCapacity = options.capacity;
-  std::vector<std::string> methods =
-      SplitList(!options.auth.empty() ? options.auth : options.user.empty() ? "none" : "md5,text");
+  std::vector<std::string> methods = SplitList(!options.auth.empty()  ? options.auth
+                                               : options.user.empty() ? "none"
+                                                                      : "md5,text");
   config->authNone = config->authText = config->authMD5 = false;
   for (const std::string& method : methods) {
     if (method == "none") {
@@ -228,8 +229,8 @@ int CommandServe(CCommandContext& context) {
                "Ctrl-C to stop.\n",
                config.listenAddress.c_str(), server.Port(), config.tapeDir.c_str(),
                tapes.empty() ? "none" : tapes.c_str(), config.changerName.c_str(),
-               AuthText(config).c_str(), versions.c_str(),
-               HumanBytes(config.maxRecordSize).c_str(), HumanBytes(config.tapeCapacity).c_str());
+               AuthText(config).c_str(), versions.c_str(), HumanBytes(config.maxRecordSize).c_str(),
+               HumanBytes(config.tapeCapacity).c_str());
   std::fflush(context.out);
   while (!InterruptRequested()) VxThread::sleep(100);
   std::fprintf(context.out, "Stopping...\n");
@@ -245,8 +246,8 @@ int CommandDemo(CCommandContext& context) {
   }
   char pattern[] = "/tmp/ndmpc-demo-XXXXXX";
   if (::mkdtemp(pattern) == nullptr) {
-    return Complain(context, kExitFailure, std::string("cannot create a temporary directory: ") +
-                                               std::strerror(errno));
+    return Complain(context, kExitFailure,
+                    std::string("cannot create a temporary directory: ") + std::strerror(errno));
   }
   const std::string dir = pattern;
   CSimServerConfig config;
@@ -345,11 +346,10 @@ int RunCommand(CCommandContext& context) {
     int (*run)(CCommandContext&);
   };
   static const CCommandRow kCommands[] = {
-      {"info", &CommandInfo},       {"tape", &CommandTape},
-      {"scsi", &CommandScsi},       {"mover", &CommandAgentState},
-      {"data", &CommandAgentState}, {"send", &CommandSend},
-      {"messages", &CommandMessages}, {"watch", &CommandWatch},
-      {"serve", &CommandServe},     {"demo", &CommandDemo},
+      {"info", &CommandInfo},         {"tape", &CommandTape},       {"scsi", &CommandScsi},
+      {"mover", &CommandAgentState},  {"data", &CommandAgentState}, {"send", &CommandSend},
+      {"messages", &CommandMessages}, {"watch", &CommandWatch},     {"serve", &CommandServe},
+      {"demo", &CommandDemo},
   };
   for (const CCommandRow& row : kCommands) {
     if (command == row.name) return row.run(context);

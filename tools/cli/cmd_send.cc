@@ -106,9 +106,9 @@ int CommandSend(CCommandContext& context) {
   std::unique_ptr<CNDMPMessage> request = MakeRequest(code, session.Version());
   for (std::size_t i = 2; i < args.size(); ++i) {
     if (!ApplyAssignment(*request, args[i], &error)) {
-      return Complain(context, kExitUsage,
-                      info->name + " under NDMP version " + std::to_string(session.Version()) +
-                          ": " + error);
+      return Complain(
+          context, kExitUsage,
+          info->name + " under NDMP version " + std::to_string(session.Version()) + ": " + error);
     }
   }
   SettleVersion(*request, session.Version());

@@ -1,11 +1,11 @@
 // `ndmpc tape ...`: state, write, read and mtio over the tape helper.
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
-
-#include <sys/stat.h>
 
 #include "ndmpc/ndmp/helpers/tape_helper.h"
 #include "ndmpc/ndmp/messages/scsi_tape_messages.h"
@@ -46,8 +46,8 @@ int HelperFailure(CClientSession& session, CCommandContext& context, const std::
                   unsigned int error) {
   if (error == CNDMPError::NDMP_CONNECT_ERR ||
       (error == CNDMPError::NDMP_TIMEOUT_ERR && !session.Connection().IsConnected())) {
-    return Complain(context, kExitConnect, what + ": the connection to " + session.Where() +
-                                               " was lost");
+    return Complain(context, kExitConnect,
+                    what + ": the connection to " + session.Where() + " was lost");
   }
   if (error == CNDMPError::NDMP_TIMEOUT_ERR) {
     return Complain(context, kExitFailure, what + ": no reply from " + session.Where());
@@ -61,7 +61,8 @@ int OpenTape(CClientSession& session, CCommandContext& context, const std::strin
   CNDMPConnection* connection = &session.Connection();
   CXDREnumBase<CNDMPEnumTapeOpenMode> mode(write ? CNDMPEnumTapeOpenMode::NDMP_TAPE_RDWR_MODE
                                                  : CNDMPEnumTapeOpenMode::NDMP_TAPE_READ_MODE);
-  unsigned int error = CNDMPTapeHelper::TapeOpen(connection, device.c_str(), mode, false).getInt32();
+  unsigned int error =
+      CNDMPTapeHelper::TapeOpen(connection, device.c_str(), mode, false).getInt32();
   if (error != CNDMPError::NDMP_NO_ERR) {
     return HelperFailure(session, context,
                          "cannot open tape " + device + (write ? " for writing" : ""), error);
@@ -69,8 +70,8 @@ int OpenTape(CClientSession& session, CCommandContext& context, const std::strin
   if (!position) return kExitOk;
   unsigned int resid = 0;
   if (!context.options.noRewind) {
-    error = CNDMPTapeHelper::TapeMTIO(connection, CNDMPEnumMtioOp::NDMP_MTIO_REW, 1, &resid)
-                .getInt32();
+    error =
+        CNDMPTapeHelper::TapeMTIO(connection, CNDMPEnumMtioOp::NDMP_MTIO_REW, 1, &resid).getInt32();
     if (error != CNDMPError::NDMP_NO_ERR) {
       CNDMPTapeHelper::TapeClose(connection);
       return HelperFailure(session, context, "cannot rewind " + device, error);
@@ -135,7 +136,7 @@ int TapeWrite(CCommandContext& context, const std::string& device, const std::st
     return Complain(context, kExitFailure, "cannot read " + path + ": " + std::strerror(errno));
   }
   std::unique_ptr<std::FILE, int (*)(std::FILE*)> closer(path == "-" ? nullptr : input,
-                                                          &std::fclose);
+                                                         &std::fclose);
   std::uint64_t total = 0;
   struct stat info {};
   if (::fstat(::fileno(input), &info) == 0 && S_ISREG(info.st_mode)) {
@@ -154,21 +155,19 @@ int TapeWrite(CCommandContext& context, const std::string& device, const std::st
     std::size_t n = std::fread(buffer.data(), 1, buffer.size(), input);
     if (n == 0) break;
     unsigned int written = 0;
-    unsigned int error =
-        CNDMPTapeHelper::TapeWrite(connection, buffer.data(), static_cast<unsigned int>(n),
-                                   &written)
-            .getInt32();
+    unsigned int error = CNDMPTapeHelper::TapeWrite(connection, buffer.data(),
+                                                    static_cast<unsigned int>(n), &written)
+                             .getInt32();
     if (error != CNDMPError::NDMP_NO_ERR || written != n) {
       progress.Finish();
       CNDMPTapeHelper::TapeClose(connection);
       if (error == CNDMPError::NDMP_NO_ERR) {
         return Complain(context, kExitFailure,
-                        "tape write on " + device + ": the server took " +
-                            std::to_string(written) + " of " + std::to_string(n) + " bytes");
+                        "tape write on " + device + ": the server took " + std::to_string(written) +
+                            " of " + std::to_string(n) + " bytes");
       }
       return HelperFailure(session, context,
-                           "tape write on " + device + " after " + std::to_string(bytes) +
-                               " bytes",
+                           "tape write on " + device + " after " + std::to_string(bytes) + " bytes",
                            error);
     }
     bytes += n;
@@ -212,7 +211,7 @@ int TapeRead(CCommandContext& context, const std::string& device, const std::str
     return Complain(context, kExitFailure, "cannot write " + path + ": " + std::strerror(errno));
   }
   std::unique_ptr<std::FILE, int (*)(std::FILE*)> closer(path == "-" ? nullptr : output,
-                                                          &std::fclose);
+                                                         &std::fclose);
   std::vector<unsigned char> buffer(context.options.recordSize);
   std::uint64_t bytes = 0;
   std::uint64_t records = 0;
@@ -235,8 +234,7 @@ int TapeRead(CCommandContext& context, const std::string& device, const std::str
       progress.Finish();
       CNDMPTapeHelper::TapeClose(connection);
       return HelperFailure(session, context,
-                           "tape read on " + device + " after " + std::to_string(bytes) +
-                               " bytes",
+                           "tape read on " + device + " after " + std::to_string(bytes) + " bytes",
                            error);
     }
     if (got == 0 || got > buffer.size()) {

@@ -143,8 +143,8 @@ bool ParseEnum(const CEnumInfo& info, const std::string& text, std::uint32_t* va
     for (std::size_t i = 0; i < info.table->count && i < 40; ++i) {
       names.push_back(info.table->rows[i].name);
     }
-    *error = "'" + text + "' is not a value of " + info.className + " (one of: " +
-             Join(names, ", ") + (info.table->count > 40 ? ", ..." : "") + ")";
+    *error = "'" + text + "' is not a value of " + info.className +
+             " (one of: " + Join(names, ", ") + (info.table->count > 40 ? ", ..." : "") + ")";
   }
   return false;
 }
@@ -170,7 +170,8 @@ bool ParseOpaque(const std::string& text, std::vector<unsigned char>* bytes, std
     bytes->clear();
     return true;
   } else {
-    *error = "'" + text + "' is not an opaque value: write hex bytes as 0x0a0b.. or hex:0a0b.., "
+    *error = "'" + text +
+             "' is not an opaque value: write hex bytes as 0x0a0b.. or hex:0a0b.., "
              "or text as text:...";
     return false;
   }
@@ -189,7 +190,8 @@ bool ParseOpaque(const std::string& text, std::vector<unsigned char>* bytes, std
   }
   bytes->clear();
   for (std::size_t i = 0; i < digits.size(); i += 2) {
-    bytes->push_back(static_cast<unsigned char>(HexDigit(digits[i]) * 16 + HexDigit(digits[i + 1])));
+    bytes->push_back(
+        static_cast<unsigned char>(HexDigit(digits[i]) * 16 + HexDigit(digits[i + 1])));
   }
   return true;
 }
@@ -553,7 +555,8 @@ bool ReplyCarriesError(CXDRContainer& reply, std::string* name) {
     if (error == nullptr) continue;
     const unsigned int value = error->getInt32();
     // A SnapVault reply reports success with its own code.
-    if (value == enums::CNDMPError::NDMP_NO_ERR || value == enums::CNDMPError::NDMP_SV_RPL_SUCCESS) {
+    if (value == enums::CNDMPError::NDMP_NO_ERR ||
+        value == enums::CNDMPError::NDMP_SV_RPL_SUCCESS) {
       return false;
     }
     *name = error->ToString();

@@ -27,7 +27,8 @@ bool IsEnumOf(CIXDR* value) {
   return dynamic_cast<CXDREnumBase<E>*>(value) != nullptr;
 }
 
-#define NDMPC_TOOLS_ENUM_PROBE(E) {{#E, &E::Table()}, &IsEnumOf<E>}
+#define NDMPC_TOOLS_ENUM_PROBE(E) \
+  { {#E, &E::Table()}, &IsEnumOf<E> }
 
 const std::vector<CEnumProbe>& EnumProbes() {
   static const std::vector<CEnumProbe> probes = {

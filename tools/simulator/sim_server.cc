@@ -67,8 +67,8 @@ bool CNDMPSimServer::Start(std::string* error) {
   if (status != 0) {
     *error = "cannot listen on " + config_.listenAddress + ":" + std::to_string(config_.port);
     if (status >= VX_SOCKET_ERROR_BASE) {
-      *error += std::string(" (") + std::strerror(static_cast<int>(status - VX_SOCKET_ERROR_BASE)) +
-                ")";
+      *error +=
+          std::string(" (") + std::strerror(static_cast<int>(status - VX_SOCKET_ERROR_BASE)) + ")";
     }
     return false;
   }

@@ -37,9 +37,9 @@ class CVirtualTape;
 class CSimSession;
 
 struct CSimFileSystem {
-  std::string name;         // logical name, e.g. "/vol/vol0"
-  std::string type;         // "ext4", "wafl", ...
-  std::string device;       // physical device
+  std::string name;    // logical name, e.g. "/vol/vol0"
+  std::string type;    // "ext4", "wafl", ...
+  std::string device;  // physical device
   std::uint64_t totalBytes;
   std::uint64_t usedBytes;
   std::uint64_t totalInodes;
@@ -72,8 +72,7 @@ struct CSimServerConfig {
   std::string revision = "1.0";
   std::vector<CSimFileSystem> fileSystems{
       {"/vol/vol0", "ext4", "/dev/sda1", 100ull << 30, 42ull << 30, 6553600, 1203450, "online"},
-      {"/vol/home", "xfs", "/dev/sdb1", 500ull << 30, 120ull << 30, 26214400, 3400112,
-       "online"}};
+      {"/vol/home", "xfs", "/dev/sdb1", 500ull << 30, 120ull << 30, 26214400, 3400112, "online"}};
   std::string changerName = "changer0";
 };
 
@@ -135,7 +134,7 @@ class CNDMPSimServer {
 
   std::mutex devicesMutex_;
   std::map<std::string, std::unique_ptr<CVirtualTape>> tapes_;  // guarded by devicesMutex_
-  std::map<std::string, const void*> tapeOwners_;              // guarded by devicesMutex_
+  std::map<std::string, const void*> tapeOwners_;               // guarded by devicesMutex_
   const void* changerOwner_ = nullptr;                          // guarded by devicesMutex_
 };
 

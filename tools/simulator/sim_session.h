@@ -84,8 +84,8 @@ class CSimSession {
   VxLog& log_;
   const unsigned int id_;
 
-  std::mutex socketMutex_;                 // guards the two below against Interrupt
-  std::unique_ptr<VxTcpSocket> socket_;    // until the connection takes it over
+  std::mutex socketMutex_;               // guards the two below against Interrupt
+  std::unique_ptr<VxTcpSocket> socket_;  // until the connection takes it over
   std::unique_ptr<CNDMPConnection> connection_;
   std::atomic<bool> interrupted_{false};
 

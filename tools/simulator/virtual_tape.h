@@ -26,11 +26,11 @@ class CVirtualTape {
  public:
   enum class Status {
     kOk,
-    kFilemark,       // a filemark was crossed (read, fsr/bsr stopped at it)
-    kEndOfData,      // nothing recorded beyond the position
-    kBeginning,      // spacing backwards reached the beginning of the tape
-    kEndOfMedium,    // the write does not fit into the capacity
-    kWriteProtected, // the tape file cannot be written
+    kFilemark,        // a filemark was crossed (read, fsr/bsr stopped at it)
+    kEndOfData,       // nothing recorded beyond the position
+    kBeginning,       // spacing backwards reached the beginning of the tape
+    kEndOfMedium,     // the write does not fit into the capacity
+    kWriteProtected,  // the tape file cannot be written
     kIoError,
   };
 
