@@ -1,6 +1,7 @@
 // End-to-end runs of the ndmpc binary against the simulated server.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -65,6 +66,21 @@ TEST(NdmpcInfo, RefusedQueriesAreShownNotFatal) {
   EXPECT_TRUE(Contains(r.out, "Host:              refused: NDMP_NOT_AUTHORIZED_ERR")) << r.out;
   // The server information is open to everyone.
   EXPECT_TRUE(Contains(r.out, "Authentication:    MD5, TEXT")) << r.out;
+}
+
+TEST(NdmpcInfo, UnansweredExtensionQueryCostsOnlyAShortWait) {
+  CSimServerConfig config = CSimFixture::DefaultConfig();
+  config.answerExtList = false;
+  CSimFixture sim(config);
+  const auto start = std::chrono::steady_clock::now();
+  CRunResult r = RunNdmpc(With(sim.Target(), {"--timeout", "120", "info"}));
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(
+                           std::chrono::steady_clock::now() - start)
+                           .count();
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_TRUE(Contains(r.out, "Extensions:        no answer")) << r.out;
+  // Far below the two minutes a normal request may wait.
+  EXPECT_LT(seconds, 60);
 }
 
 TEST(NdmpcTape, WriteThenReadGivesBackTheSameBytes) {

@@ -74,6 +74,8 @@ struct CSimServerConfig {
       {"/vol/vol0", "ext4", "/dev/sda1", 100ull << 30, 42ull << 30, 6553600, 1203450, "online"},
       {"/vol/home", "xfs", "/dev/sdb1", 500ull << 30, 120ull << 30, 26214400, 3400112, "online"}};
   std::string changerName = "changer0";
+  // Some servers ignore NDMP_CONFIG_GET_EXT_LIST; false behaves so.
+  bool answerExtList = true;
 };
 
 class CNDMPSimServer {

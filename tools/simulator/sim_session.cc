@@ -449,7 +449,8 @@ void CSimSession::ConfigGetScsiInfo() {
 }
 
 void CSimSession::ConfigGetExtList() {
-  CNDMPConfigGetExtListReply reply;  // no extensions
+  if (!server_.Config().answerExtList) return;  // deliberately silent, like some filers
+  CNDMPConfigGetExtListReply reply;             // no extensions
   Reply(reply);
 }
 
