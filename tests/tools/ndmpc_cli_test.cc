@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <csignal>
 #include <string>
 #include <vector>
 
@@ -74,9 +75,9 @@ TEST(NdmpcInfo, UnansweredExtensionQueryCostsOnlyAShortWait) {
   CSimFixture sim(config);
   const auto start = std::chrono::steady_clock::now();
   CRunResult r = RunNdmpc(With(sim.Target(), {"--timeout", "120", "info"}));
-  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(
-                           std::chrono::steady_clock::now() - start)
-                           .count();
+  const auto seconds =
+      std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - start)
+          .count();
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_TRUE(Contains(r.out, "Extensions:        no answer")) << r.out;
   // Far below the two minutes a normal request may wait.
@@ -250,6 +251,29 @@ TEST(NdmpcWatch, PrintsTheConnectionStatusNotification) {
   ASSERT_TRUE(ParseJson(r.out.substr(0, r.out.find('\n')), &json)) << r.out;
   EXPECT_EQ(json["message"].text, "NDMP_NOTIFY_CONNECTION_STATUS");
   EXPECT_EQ(json["body"]["Reason"]["name"].text, "NDMP_CONNECTED");
+}
+
+TEST(NdmpcServe, ServesUntilInterrupted) {
+  CTempDir tapes;
+  CBackgroundNdmpc serve({"serve", "-p", "0", "--tape-dir", tapes.Path(), "--user", "u",
+                          "--password", "p", "--versions", "3"});
+  ASSERT_TRUE(serve.WaitFor("Ctrl-C to stop.", 30)) << serve.Output();
+  const std::string marker = "listening on 127.0.0.1:";
+  const std::size_t at = serve.Output().find(marker);
+  ASSERT_NE(at, std::string::npos) << serve.Output();
+  const std::string port = std::to_string(std::stoul(serve.Output().substr(at + marker.size())));
+  EXPECT_TRUE(Contains(serve.Output(), "tapes in " + tapes.Path() + ": tape0")) << serve.Output();
+  CRunResult r = RunNdmpc({"-p", port, "-u", "u", "--password", "p", "--json", "info"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  CJson json;
+  ASSERT_TRUE(ParseJson(r.out, &json)) << r.out;
+  EXPECT_EQ(json["protocol_version"].number, 3);
+  EXPECT_EQ(serve.Stop(SIGINT, 30), 0);
+  EXPECT_TRUE(Contains(serve.Output(), "Stopped.")) << serve.Output();
+
+  r = RunNdmpc({"serve", "--auth", "md5"});
+  EXPECT_EQ(r.status, 2);
+  EXPECT_TRUE(Contains(r.err, "needs --user and --password")) << r.err;
 }
 
 TEST(NdmpcOffline, HelpMessagesAndDemoNeedNoServer) {

@@ -248,11 +248,11 @@ std::vector<std::string> CSimFixture::Target(bool withCredentials) const {
   return args;
 }
 
-CRunResult RunNdmpc(const std::vector<std::string>& args, int timeoutSeconds) {
-  CRunResult result;
-  int outPipe[2];
-  int errPipe[2];
-  if (::pipe(outPipe) != 0 || ::pipe(errPipe) != 0) return result;
+namespace {
+
+// Starts ndmpc with `args`, stdin from /dev/null, stdout and stderr into
+// the pipes' write ends (which the caller closes); the pid, or -1.
+pid_t Spawn(const std::vector<std::string>& args, int outPipe[2], int errPipe[2]) {
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
@@ -275,9 +275,20 @@ CRunResult RunNdmpc(const std::vector<std::string>& args, int timeoutSeconds) {
   pid_t pid = -1;
   int spawned = posix_spawn(&pid, NDMPC_BINARY, &actions, nullptr, argv.data(), envp.data());
   posix_spawn_file_actions_destroy(&actions);
+  return spawned == 0 ? pid : -1;
+}
+
+}  // namespace
+
+CRunResult RunNdmpc(const std::vector<std::string>& args, int timeoutSeconds) {
+  CRunResult result;
+  int outPipe[2];
+  int errPipe[2];
+  if (::pipe(outPipe) != 0 || ::pipe(errPipe) != 0) return result;
+  pid_t pid = Spawn(args, outPipe, errPipe);
   ::close(outPipe[1]);
   ::close(errPipe[1]);
-  if (spawned != 0) {
+  if (pid < 0) {
     ::close(outPipe[0]);
     ::close(errPipe[0]);
     return result;
@@ -317,6 +328,70 @@ CRunResult RunNdmpc(const std::vector<std::string>& args, int timeoutSeconds) {
   ::waitpid(pid, &status, 0);
   result.status = !killed && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   return result;
+}
+
+CBackgroundNdmpc::CBackgroundNdmpc(const std::vector<std::string>& args) {
+  int outPipe[2];
+  int errPipe[2];
+  if (::pipe(outPipe) != 0) return;
+  if (::pipe(errPipe) != 0) {
+    ::close(outPipe[0]);
+    ::close(outPipe[1]);
+    return;
+  }
+  pid_ = Spawn(args, outPipe, errPipe);
+  ::close(outPipe[1]);
+  ::close(errPipe[1]);
+  ::close(errPipe[0]);  // the server's log is not looked at
+  outFd_ = outPipe[0];
+}
+
+CBackgroundNdmpc::~CBackgroundNdmpc() {
+  if (pid_ > 0) Stop(SIGKILL, 10);
+  if (outFd_ >= 0) ::close(outFd_);
+}
+
+bool CBackgroundNdmpc::WaitFor(const std::string& marker, int timeoutSeconds) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeoutSeconds);
+  while (out_.find(marker) == std::string::npos) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                          deadline - std::chrono::steady_clock::now())
+                          .count();
+    if (left <= 0 || outFd_ < 0) return false;
+    pollfd p{outFd_, POLLIN, 0};
+    if (::poll(&p, 1, static_cast<int>(left)) <= 0) continue;
+    char buffer[1024];
+    ssize_t n = ::read(outFd_, buffer, sizeof(buffer));
+    if (n <= 0) return false;
+    out_.append(buffer, static_cast<std::size_t>(n));
+  }
+  return true;
+}
+
+int CBackgroundNdmpc::Stop(int signal, int timeoutSeconds) {
+  if (pid_ <= 0) return -1;
+  ::kill(pid_, signal);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeoutSeconds);
+  int status = 0;
+  for (;;) {
+    pid_t done = ::waitpid(pid_, &status, WNOHANG);
+    if (done == pid_) break;
+    if (std::chrono::steady_clock::now() > deadline) {
+      ::kill(pid_, SIGKILL);
+      ::waitpid(pid_, &status, 0);
+      pid_ = -1;
+      return -1;
+    }
+    ::usleep(20000);
+  }
+  pid_ = -1;
+  WaitFor("\x01never", 0);
+  char buffer[1024];
+  ssize_t n;
+  while (outFd_ >= 0 && (n = ::read(outFd_, buffer, sizeof(buffer))) > 0) {
+    out_.append(buffer, static_cast<std::size_t>(n));
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 std::string WriteRandomFile(const std::string& path, std::size_t size, unsigned int seed) {

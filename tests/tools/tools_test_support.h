@@ -59,6 +59,25 @@ struct CRunResult {
 // environment, killing it after `timeoutSeconds`.
 CRunResult RunNdmpc(const std::vector<std::string>& args, int timeoutSeconds = 60);
 
+// ndmpc running in the background (for `serve`), its output read as it comes.
+class CBackgroundNdmpc {
+ public:
+  explicit CBackgroundNdmpc(const std::vector<std::string>& args);
+  ~CBackgroundNdmpc();
+  CBackgroundNdmpc(const CBackgroundNdmpc&) = delete;
+  CBackgroundNdmpc& operator=(const CBackgroundNdmpc&) = delete;
+  // Reads standard output until it contains `marker`; false after `timeoutSeconds`.
+  bool WaitFor(const std::string& marker, int timeoutSeconds);
+  // Sends `signal` and waits for the exit; the exit status, or -1.
+  int Stop(int signal, int timeoutSeconds);
+  const std::string& Output() const { return out_; }
+
+ private:
+  int pid_ = -1;
+  int outFd_ = -1;
+  std::string out_;
+};
+
 // Writes `size` pseudo-random bytes to `path`; returns them.
 std::string WriteRandomFile(const std::string& path, std::size_t size, unsigned int seed);
 std::string ReadFile(const std::string& path);
