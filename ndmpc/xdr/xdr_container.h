@@ -46,7 +46,12 @@ class CXDRContainer : public CIXDR {
   CXDRContainer() : CIXDR(MEMBER_CONTAINER) {}
   // Copies the protocol version; the copy registers its own members.
   CXDRContainer(const CXDRContainer& other) : CIXDR(other), version_(other.version_) {}
+  // Moves keep records cheap to relocate inside growing arrays.
+  CXDRContainer(CXDRContainer&& other) noexcept : CIXDR(other), version_(other.version_) {}
   CXDRContainer& operator=(const CXDRContainer& other);
+  CXDRContainer& operator=(CXDRContainer&& other) noexcept {
+    return operator=(static_cast<const CXDRContainer&>(other));
+  }
   ~CXDRContainer() override = default;
 
   int Serialize(CXDRStream& stream) override;
@@ -230,9 +235,6 @@ class CNDMPUQuad : public CXDRContainer {
   CNDMPUQuad() = default;
   CNDMPUQuad(std::uint64_t value)
       : High(static_cast<unsigned int>(value >> 32)), Low(static_cast<unsigned int>(value)) {}
-  CNDMPUQuad(const CNDMPUQuad&) = default;
-  CNDMPUQuad& operator=(const CNDMPUQuad&) = default;
-  ~CNDMPUQuad() override = default;
 
   std::uint64_t getUint64() const {
     return (static_cast<std::uint64_t>(High.getInt32()) << 32) | Low.getInt32();

@@ -19,10 +19,6 @@ namespace com::vx::korvane::ndmpc {
 
 class CNDMPUnionRecord : public CXDRContainer {
  public:
-  CNDMPUnionRecord() = default;
-  CNDMPUnionRecord(const CNDMPUnionRecord&) = default;
-  CNDMPUnionRecord& operator=(const CNDMPUnionRecord&) = default;
-  ~CNDMPUnionRecord() override = default;
 
   // Decodes the discriminant, then the arm it selects, then registers anew
   // so that later encoding and dumping follow the received discriminant.

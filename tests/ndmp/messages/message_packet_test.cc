@@ -7,6 +7,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <type_traits>
 #include <typeinfo>
 
 #include "ndmpc/ndmp/messages/connect_config_messages.h"
@@ -161,6 +162,13 @@ std::string ClassName(const CNDMPMessage& message) {
   size_t colon = name.rfind("::");
   return colon == std::string::npos ? name : name.substr(colon + 2);
 }
+
+// File-history arrays hold millions of entries: growing them must move the
+// entries, not copy them.
+static_assert(std::is_nothrow_move_constructible<CNDMPFile>::value, "CNDMPFile moves");
+static_assert(std::is_nothrow_move_constructible<CNDMPFileStat>::value, "CNDMPFileStat moves");
+static_assert(std::is_nothrow_move_constructible<CNDMPNode>::value, "CNDMPNode moves");
+static_assert(std::is_nothrow_move_constructible<CNDMPDir>::value, "CNDMPDir moves");
 
 TEST(MessageFactory, MakesTheTableClassForEveryCodeAndType) {
   for (const CExpectedRow& row : kExpectedTable) {
