@@ -385,7 +385,6 @@ int CBackgroundNdmpc::Stop(int signal, int timeoutSeconds) {
     ::usleep(20000);
   }
   pid_ = -1;
-  WaitFor("\x01never", 0);
   char buffer[1024];
   ssize_t n;
   while (outFd_ >= 0 && (n = ::read(outFd_, buffer, sizeof(buffer))) > 0) {
