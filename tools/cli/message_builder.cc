@@ -392,8 +392,7 @@ bool SetValueFromText(CIXDR& value, const std::string& text, std::string* error)
       const CArrayAccess* access = ArrayAccessOf(value);
       if (access == nullptr) break;
       CIXDR& prototype = access->Prototype();
-      if (auto* pair = dynamic_cast<CNDMPPVal*>(&prototype)) {
-        (void)pair;
+      if (dynamic_cast<CNDMPPVal*>(&prototype) != nullptr) {
         const std::size_t equals = text.find('=');
         if (equals == std::string::npos) {
           *error = "this field is a list of name/value pairs: write NAME=VALUE";
@@ -409,14 +408,10 @@ bool SetValueFromText(CIXDR& value, const std::string& text, std::string* error)
         *error = "this field is a list of records: set their fields as Field[0].Name=...";
         return false;
       }
-      // A list of plain values: each assignment appends one.
-      std::size_t before = access->Size(value);
-      CIXDR& element = access->Append(value);
-      if (!SetValueFromText(element, text, error)) {
-        (void)before;
-        return false;
-      }
-      return true;
+      // A list of plain values: each assignment appends one. The text is
+      // tried on the scratch element first, so a bad value appends nothing.
+      if (!SetValueFromText(prototype, text, error)) return false;
+      return SetValueFromText(access->Append(value), text, error);
     }
   }
   *error = "this field cannot be set from text";
