@@ -1,11 +1,10 @@
 #include "tests/support/wire_support.h"
 
+#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
-
-#include <arpa/inet.h>
 
 #include <algorithm>
 #include <atomic>

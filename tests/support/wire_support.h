@@ -95,7 +95,8 @@ int DecodeValue(const std::vector<unsigned char>& payload, CISerializable& value
 // Sends `raw` exactly as given (headers made by the caller), then closes the
 // writer side, and decodes like DecodeValue. `log` receives the stream's
 // lines when given.
-int DecodeValueRaw(const std::vector<unsigned char>& raw, CISerializable& value, VxLog* log = nullptr);
+int DecodeValueRaw(const std::vector<unsigned char>& raw, CISerializable& value,
+                   VxLog* log = nullptr);
 
 // A VxLog that keeps every line in memory. Level 4 (debug) by default.
 class CCapturingLog : public VxLog {

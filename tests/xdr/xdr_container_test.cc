@@ -1,13 +1,14 @@
 // Records and arrays: wire order, fixed and counted arrays, partial decodes,
 // protocol-version re-registration, dump layout, and copies that never lean
 // on their source's registration.
+#include "ndmpc/xdr/xdr_container.h"
+
 #include <gtest/gtest.h>
 
 #include <memory>
 #include <string>
 
 #include "ndmpc/ndmp/enums/protocol_ids.h"
-#include "ndmpc/xdr/xdr_container.h"
 #include "ndmpc/xdr/xdr_enum.h"
 #include "tests/support/wire_support.h"
 

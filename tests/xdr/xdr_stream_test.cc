@@ -1,12 +1,13 @@
 // The record stream against a raw TCP peer on 127.0.0.1: fragment sizes on
 // the wire, reading across fragments and chunks, skipping the rest of a
 // record, and what the peer's close or reset does to the stream.
+#include "ndmpc/xdr/xdr_stream.h"
+
 #include <gtest/gtest.h>
+#include <linux/sockios.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-
-#include <linux/sockios.h>
 
 #include <atomic>
 #include <chrono>
@@ -16,7 +17,6 @@
 #include <utility>
 #include <vector>
 
-#include "ndmpc/xdr/xdr_stream.h"
 #include "tests/support/wire_support.h"
 
 namespace com::vx::korvane::ndmpc {
@@ -201,9 +201,9 @@ TEST(RecordStreamEnd, EndOfDataClosesTheStreamWhereverItComes) {
     EXPECT_EQ(stream.getBytes(10, buffer), XDR_FAILURE) << c.first;
     auto lines = log.Lines();
     ASSERT_EQ(lines.size(), 3u) << c.first;
-    EXPECT_EQ(lines[1], std::make_pair(VxLog::kWarning,
-                                       std::string("(CXDRStream::readInputBuffer) Detected "
-                                                   "NO_MORE_DATA. Closing socket.")))
+    EXPECT_EQ(lines[1],
+              std::make_pair(VxLog::kWarning, std::string("(CXDRStream::readInputBuffer) Detected "
+                                                          "NO_MORE_DATA. Closing socket.")))
         << c.first;
     EXPECT_EQ(lines[2],
               std::make_pair(VxLog::kError, std::string("CXDRStream::getBytes Failed to obtain "
@@ -257,8 +257,8 @@ TEST_F(RecordStream, ResetInsideFragmentDataIsAPlainReadError) {
 }
 
 TEST_F(RecordStream, SkipRecordDropsTheRestOfAFinalFragmentSilently) {
-  ASSERT_TRUE(tcp_.PeerWrite(Concat(
-      {FragmentHeader(12, true), Pattern(12), FragmentHeader(4, true), Text("next")})));
+  ASSERT_TRUE(tcp_.PeerWrite(
+      Concat({FragmentHeader(12, true), Pattern(12), FragmentHeader(4, true), Text("next")})));
   Get(4);
   EXPECT_EQ(stream_->skipRecord(), 0);
   EXPECT_EQ(stream_->GetBytesAvailable(), 0);
@@ -267,10 +267,9 @@ TEST_F(RecordStream, SkipRecordDropsTheRestOfAFinalFragmentSilently) {
 }
 
 TEST_F(RecordStream, SkipRecordReadsAndReportsEachChunkOfFurtherFragments) {
-  ASSERT_TRUE(tcp_.PeerWrite(Concat({FragmentHeader(8, false), Pattern(8),
-                                     FragmentHeader(5000, false), Pattern(5000),
-                                     FragmentHeader(3, true), Pattern(3), FragmentHeader(4, true),
-                                     Text("next")})));
+  ASSERT_TRUE(tcp_.PeerWrite(
+      Concat({FragmentHeader(8, false), Pattern(8), FragmentHeader(5000, false), Pattern(5000),
+              FragmentHeader(3, true), Pattern(3), FragmentHeader(4, true), Text("next")})));
   Get(4);
   EXPECT_EQ(stream_->skipRecord(), 0);
   EXPECT_EQ(Errors(), (std::vector<std::pair<VxLog::Severity, std::string>>{
@@ -291,8 +290,8 @@ TEST_F(RecordStream, SkipRecordLeavesUnreadChunksOfALongFinalFragment) {
 }
 
 TEST_F(RecordStream, SkipRecordBeforeAnyHeaderDiscardsOneWholeRecord) {
-  ASSERT_TRUE(tcp_.PeerWrite(Concat(
-      {FragmentHeader(5, true), Pattern(5), FragmentHeader(4, true), Text("next")})));
+  ASSERT_TRUE(tcp_.PeerWrite(
+      Concat({FragmentHeader(5, true), Pattern(5), FragmentHeader(4, true), Text("next")})));
   EXPECT_EQ(stream_->skipRecord(), 0);
   EXPECT_EQ(Errors(), (std::vector<std::pair<VxLog::Severity, std::string>>{
                           {VxLog::kError, "5 more bytes still not handled. Discarding"}}));

@@ -1,5 +1,7 @@
 // Scalar XDR values: exact encodings, decoding (including hostile lengths),
 // the quirks kept on purpose, and exact dumps.
+#include "ndmpc/xdr/xdr_values.h"
+
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
@@ -11,7 +13,6 @@
 #include "ndmpc/ndmp/enums/protocol_ids.h"
 #include "ndmpc/xdr/xdr_container.h"
 #include "ndmpc/xdr/xdr_enum.h"
-#include "ndmpc/xdr/xdr_values.h"
 #include "tests/support/wire_support.h"
 
 namespace com::vx::korvane::ndmpc {
@@ -63,7 +64,8 @@ TEST(XdrValues, EncodeToExactBytes) {
       {"empty variable opaque", [] { return std::make_unique<CXDROpaque>(); }, "00 00 00 00", 4},
       {"fixed opaque of zeros", [] { return std::make_unique<CXDROpaque>(std::uint64_t{3}); },
        "00 00 00 00", 4},
-      {"enum", [] {
+      {"enum",
+       [] {
          return std::make_unique<CXDREnumBase<enums::CNDMPError>>(enums::CNDMPError::NDMP_IO_ERR);
        },
        "00 00 00 07", 4},
@@ -199,8 +201,8 @@ TEST(XdrValues, ScalarDumps) {
 TEST(XdrValues, OpaqueDumpPadsAPartLineAndHidesNonGraphicBytes) {
   const unsigned char data[] = {'a', 'b', '%', 0x01, ' '};
   CXDROpaque value(data, 5u);
-  EXPECT_EQ(value.DumpContents(1), "\n    0000: 61 62 25 01 20 " + std::string(3 * 11, ' ') + "  ab..." +
-                                       std::string(11, ' '));
+  EXPECT_EQ(value.DumpContents(1), "\n    0000: 61 62 25 01 20 " + std::string(3 * 11, ' ') +
+                                       "  ab..." + std::string(11, ' '));
 
   std::vector<unsigned char> seventeen(17, 'z');
   CXDROpaque two;

@@ -254,16 +254,18 @@ VxString DumpThroughWrapper(std::uint32_t value) {
   return wrapped.DumpContents(0);
 }
 
-#define ENUM_CASE(cls, rows, ...)                                                    \
-  CEnumCase {                                                                        \
-    #cls, &cls::Table, &cls::ToString, &DumpThroughWrapper<cls>, rows,               \
-        sizeof(rows) / sizeof(rows[0]), std::vector<std::uint32_t> __VA_ARGS__       \
+#define ENUM_CASE(cls, rows, ...)                                                \
+  CEnumCase {                                                                    \
+#cls, &cls::Table, &cls::ToString, &DumpThroughWrapper < cls>, rows,         \
+        sizeof(rows) / sizeof(rows[0]), std::vector < std::uint32_t> __VA_ARGS__ \
   }
 
 const CEnumCase kCases[] = {
     ENUM_CASE(CNDMPProtocolVersion, kProtocolVersion, {0, 1, 2, 5, 49, 51}),
     ENUM_CASE(CNDMPMessageType, kMessageType, {2}),
-    ENUM_CASE(CNDMPMessageCode, kMessageCode, {0x101, 0x306, 0x405, 0x406, 0x408, 0x500, 0x600, 0x601, 0x700, 0x701, 0x702, 0x20500108, 0x2050010E, 0x20520000}),
+    ENUM_CASE(CNDMPMessageCode, kMessageCode,
+              {0x101, 0x306, 0x405, 0x406, 0x408, 0x500, 0x600, 0x601, 0x700, 0x701, 0x702,
+               0x20500108, 0x2050010E, 0x20520000}),
     ENUM_CASE(CNDMPError, kError, {31, 0x10002, 0x10004, 0x20500018, 0x20500108, 0x20500309}),
     ENUM_CASE(CNDMPEnumAuthType, kEnumAuthType, {}),
     ENUM_CASE(CNDMPEnumAddrType, kEnumAddrType, {}),
