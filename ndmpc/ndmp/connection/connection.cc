@@ -177,6 +177,11 @@ CXDREnumBase<CNDMPError> CNDMPConnection::Disconnect() {
     }
     delete dispatchThread_;
     dispatchThread_ = nullptr;
+    // Wake() left the queue's event set. Taking from the (drained) queue
+    // resets it, so that the next connection's dispatch thread waits for
+    // packets instead of spinning until the first one comes.
+    CNDMPMessagePacket* left = nullptr;
+    while (receivedQueue_.GetNextPacket(left)) delete left;
   }
   if (logRegistration_ != nullptr) {
     CNDMPCallbackRegistrationTable::UnregisterCallback(logRegistration_);
@@ -194,6 +199,9 @@ CXDREnumBase<CNDMPError> CNDMPConnection::Disconnect() {
   }
   connected_ = false;
   authenticated_ = false;
+  // A login that was not sent before the disconnect must not be sent on the
+  // next, ordinary connection.
+  alternateMode_ = false;
   return CNDMPError::NDMP_NO_ERR;
 }
 
