@@ -4,6 +4,8 @@
 // which nothing may be sent.
 #include <gtest/gtest.h>
 
+#include <time.h>
+
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -250,6 +252,74 @@ TEST_F(AlternateMode, LoginIsNotSentOnAnOrdinaryConnection) {
   ASSERT_TRUE(peer.Join());
   EXPECT_TRUE(inOrder);
   EXPECT_TRUE(protector.Lengths().empty());
+}
+
+// Answers the handshake and the login, then stays silent until the client closes.
+void QuietAlternateServer(CScriptPeer& p) {
+  p.ReadBytes(8);
+  p.Write(HandshakeAnswer({}));
+  p.ReadBytes(kLoginSize);
+  p.Write(std::vector<unsigned char>(8, 0));
+  p.ReadUntilClosed();
+}
+
+double ProcessCpuSeconds() {
+  timespec now{};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+}
+
+TEST_F(AlternateMode, DisconnectEndsTheAlternateLogin) {
+  // Connected in the alternate mode, then disconnected before the login.
+  peer.Run([](CScriptPeer& p) {
+    p.ReadBytes(8);
+    p.Write(HandshakeAnswer({}));
+    p.ReadUntilClosed();
+  });
+  client.SetCredentialProtector(protector.Routine());
+  ASSERT_EQ(Err(client.PAGConnect()), "NDMP_NO_ERR");
+  client.Disconnect();
+  ASSERT_TRUE(peer.Join());
+
+  // An ordinary connection afterwards gets no login record.
+  CScriptPeer ordinary;
+  bool inOrder = false;
+  ordinary.Run([&inOrder](CScriptPeer& p) {
+    if (AnswerOpen(p) != 4) return;
+    CRawRecord request = p.ReadRecord();
+    inOrder = IsHostInfoRequest(request);
+    if (inOrder) p.Write(ReplyRecord(request.header, HostInfoBody()));
+    p.ReadUntilClosed();
+  });
+  client.SetPort(ordinary.port());
+  ASSERT_EQ(Err(client.Connect()), "NDMP_NO_ERR");
+  EXPECT_EQ(Err(client.PAGAuthenticate("operator", "pw", "host")), "NDMP_NO_ERR");
+  EXPECT_EQ(AskHost(), "filer-7");
+  client.Disconnect();
+  ASSERT_TRUE(ordinary.Join());
+  EXPECT_TRUE(inOrder);
+  EXPECT_TRUE(protector.Lengths().empty());
+}
+
+TEST_F(AlternateMode, ReconnectedConnectionIdlesWhileNothingArrives) {
+  client.SetCredentialProtector(protector.Routine());
+  peer.Run(QuietAlternateServer);
+  ASSERT_EQ(Err(client.PAGConnect()), "NDMP_NO_ERR");
+  ASSERT_EQ(Err(client.PAGAuthenticate("operator", "pw", "host")), "NDMP_NO_ERR");
+  client.Disconnect();
+  ASSERT_TRUE(peer.Join());
+
+  CScriptPeer second;
+  second.Run(QuietAlternateServer);
+  client.SetPort(second.port());
+  ASSERT_EQ(Err(client.PAGConnect()), "NDMP_NO_ERR");
+  // The login pauses 600 ms with the new threads running and nothing to
+  // read: a dispatch thread that found its queue's event still set from the
+  // previous connection would spin through the whole pause.
+  const double before = ProcessCpuSeconds();
+  ASSERT_EQ(Err(client.PAGAuthenticate("operator", "pw", "host")), "NDMP_NO_ERR");
+  EXPECT_LT(ProcessCpuSeconds() - before, 0.1);
+  client.Disconnect();
 }
 
 struct CUnprotectedCase {
