@@ -210,12 +210,12 @@ class CNDMPNotifyMoverHaltedPost
                               enums::CNDMPMessageCode::NDMP_NOTIFY_MOVER_HALTED> {
  public:
   CXDREnumBase<enums::CNDMPEnumMoverHaltReason> Reason;
-  CXDRString TextReason;
+  CXDRString TextReason;  // up to version 3: the version 4 post is the reason alone
 
  protected:
   int RegisterMembers() override {
     RegisterMember("Reason", &Reason);
-    RegisterMember("TextReason", &TextReason);
+    if (Version() <= 3) RegisterMember("TextReason", &TextReason);
     return 0;
   }
 };
