@@ -5,9 +5,11 @@
 //
 // What this server does that the tests rely on: it offers MD5 and text
 // authentication and refuses NONE; it never answers NDMP_CONFIG_GET_EXT_LIST
-// or NDMP_CONNECT_SERVER_AUTH; it accepts tape records of up to 262144 bytes
-// and splits long replies into fragments of 3996 bytes; reading at a
-// filemark gives NDMP_EOF_ERR.
+// or a code no interface defines (only a time-out tells), and refuses
+// NDMP_CONNECT_SERVER_AUTH with a bare header; it keeps one MD5 challenge per
+// connection; it accepts tape records of up to 262144 bytes and sends long
+// replies in several fragments; reading at a filemark gives NDMP_EOF_ERR
+// until the tape is spaced over it.
 #include <gtest/gtest.h>
 
 #include <algorithm>
