@@ -6,6 +6,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -113,6 +114,15 @@ VxTcpSocket::VxTcpSocket(int /*type*/) {}
 
 VxTcpSocket::~VxTcpSocket() {
   if (fd_ >= 0) ::close(fd_);
+  if (wakeFd_ >= 0) ::close(wakeFd_);
+}
+
+void VxTcpSocket::interruptWait() {
+  if (wakeFd_ >= 0) {
+    std::uint64_t one = 1;
+    ssize_t ignored = ::write(wakeFd_, &one, sizeof(one));
+    (void)ignored;
+  }
 }
 
 unsigned int VxTcpSocket::connect(const VxSocketAddress& address, unsigned int timeoutMs) {
@@ -156,6 +166,7 @@ unsigned int VxTcpSocket::connect(const VxSocketAddress& address, unsigned int t
 void VxTcpSocket::adopt(int fd) {
   if (fd_ >= 0) ::close(fd_);
   fd_ = fd;
+  if (wakeFd_ < 0) wakeFd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   SetNoDelay(fd);
   readStart_ = readEnd_ = 0;
   ended_.store(false);
@@ -245,11 +256,14 @@ unsigned int VxTcpSocket::waitForInput(unsigned int milliseconds) {
   if (readStart_ < readEnd_) return 0;
   if (fd_ < 0 || !open_.load()) return VX_SOCKET_ABORTED;
   if (ended_.load()) return 0;  // the end of data is ready to be read
-  pollfd p{fd_, POLLIN, 0};
+  pollfd p[2] = {{fd_, POLLIN, 0}, {wakeFd_, POLLIN, 0}};
   int timeout = milliseconds == 0xFFFFFFFFu ? -1 : static_cast<int>(std::min(milliseconds, 0x7FFFFFFFu));
   for (;;) {
-    int r = poll(&p, 1, timeout);
-    if (r > 0) return open_.load() ? 0 : VX_SOCKET_ABORTED;
+    int r = poll(p, wakeFd_ >= 0 ? 2 : 1, timeout);
+    if (r > 0 && (p[0].revents & (POLLIN | POLLHUP | POLLERR)) != 0) {
+      return open_.load() ? 0 : VX_SOCKET_ABORTED;
+    }
+    if (r > 0) return VX_SOCKET_TIMEOUT;  // interrupted; the event stays set
     if (r == 0) return VX_SOCKET_TIMEOUT;
     if (errno != EINTR) return StatusFromErrno(errno);
   }

@@ -81,6 +81,11 @@ class VxTcpSocket {
   // VX_SOCKET_TIMEOUT after `milliseconds`, another code on failure.
   unsigned int waitForInput(unsigned int milliseconds);
 
+  // Ends a waitForInput in progress, and every later one, at once with
+  // VX_SOCKET_TIMEOUT, so that a reading thread that is being stopped sees its
+  // stop flag without waiting out its poll. Any thread may call it.
+  void interruptWait();
+
   // True from connect/adopt until close() or the end of the connection.
   bool isConnected() const;
   // Shuts the connection down in both directions and wakes a blocked reader;
@@ -96,6 +101,7 @@ class VxTcpSocket {
   unsigned int FillReadAhead();
 
   int fd_ = -1;
+  int wakeFd_ = -1;  // eventfd that interruptWait signals
   std::atomic<bool> open_{false};
   std::atomic<bool> ended_{false};
   // Read-ahead buffer, touched only by the reading thread.

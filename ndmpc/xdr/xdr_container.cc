@@ -21,7 +21,12 @@ void CXDRContainer::CMemberList::push_back(const MemberItem& item) {
   if (size_ < kInline) {
     inline_[size_] = item;
   } else {
-    if (!overflow_) overflow_.reset(new std::vector<MemberItem>());
+    if (!overflow_) {
+      // Room for the largest records at once, so that registering one costs
+      // a single allocation.
+      overflow_.reset(new std::vector<MemberItem>());
+      overflow_->reserve(12);
+    }
     overflow_->push_back(item);
   }
   ++size_;
