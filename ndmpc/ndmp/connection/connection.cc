@@ -187,13 +187,15 @@ CXDREnumBase<CNDMPError> CNDMPConnection::Disconnect() {
     CNDMPCallbackRegistrationTable::UnregisterCallback(logRegistration_);
     logRegistration_ = nullptr;
   }
+  // A request of another thread may still be waiting for its reply: closing
+  // the socket ends that wait within a second, and the send mutex keeps the
+  // stream and the socket alive until it has.
+  if (socket_ != nullptr) socket_->close();
   {
+    VxGuard sending(sendMutex_);
     VxGuard lock(writeMutex_);
     delete stream_;
     stream_ = nullptr;
-  }
-  if (socket_ != nullptr) {
-    socket_->close();
     delete socket_;
     socket_ = nullptr;
   }
