@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdint>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "ndmpc/ndmp/connection/connection.h"
@@ -87,6 +88,7 @@ class MisbehavingPeer : public ::testing::Test {
   std::string Tag() const { return HandleTag(&client); }
 
   CCapturingLog log;
+  VxThreadEvent asked{VxThreadEvent::kManualReset, false};  // set by scripts; outlives the peer
   CScriptPeer peer;
   CPacketRecorder all;     // registered by tests for every packet
   CPacketRecorder halted;  // registered by tests for NDMP_NOTIFY_DATA_HALTED
@@ -241,6 +243,23 @@ INSTANTIATE_TEST_SUITE_P(
                       CCloseCase{"MidRecord", Concat({FragmentHeader(100, true),
                                                       std::vector<unsigned char>(10, 0)})}),
     [](const ::testing::TestParamInfo<CCloseCase>& info) { return info.param.name; });
+
+TEST_F(MisbehavingPeer, DisconnectFromAnotherThreadEndsAWaitingRequest) {
+  Connect([this](CScriptPeer& p) {
+    if (IsHostInfoRequest(p.ReadRecord())) asked.set();
+    p.ReadUntilClosed();
+  });
+  std::string answer;
+  std::thread sender([&] { answer = AskHost(30); });
+  ASSERT_EQ(asked.wait(testing::kWaitMs), 0u);
+  // The request now waits for a reply that will never come.
+  Clock::time_point start = Clock::now();
+  EXPECT_EQ(Err(client.Disconnect()), "NDMP_NO_ERR");
+  sender.join();
+  EXPECT_LT(SecondsSince(start), 10.0);
+  EXPECT_EQ(answer, "NDMP_TIMEOUT_ERR");
+  EXPECT_EQ(AskHost(), "NDMP_CONNECT_ERR");
+}
 
 TEST_F(MisbehavingPeer, UnknownCodeIsLoggedAndDropped) {
   client.RegisterCallback(&all);
