@@ -231,7 +231,7 @@ INSTANTIATE_TEST_SUITE_P(
         CLoginCase{"Third52IsNotSent", "op", "pw",
                    "0123456789012345678901234567890123456789012345678901", false},
         CLoginCase{"NoThirdWithDefaultRoutine", "", "", nullptr, true}),
-    [](const ::testing::TestParamInfo<CLoginCase>& info) { return info.param.name; });
+    [](const ::testing::TestParamInfo<CLoginCase>& param) { return param.param.name; });
 
 TEST_F(AlternateMode, LoginIsNotSentOnAnOrdinaryConnection) {
   client.SetCredentialProtector(protector.Routine());
@@ -357,7 +357,7 @@ INSTANTIATE_TEST_SUITE_P(
                          "No credential protection routine is set; alternate login not sent"},
         CUnprotectedCase{"RoutineFails", true,
                          "Credential protection failed; alternate login not sent"}),
-    [](const ::testing::TestParamInfo<CUnprotectedCase>& info) { return info.param.name; });
+    [](const ::testing::TestParamInfo<CUnprotectedCase>& param) { return param.param.name; });
 
 }  // namespace
 }  // namespace com::vx::korvane::ndmpc

@@ -202,7 +202,7 @@ void ServeAuthentication(CScriptPeer& p, const CAuthCase& c, CAuthSeen& seen) {
         break;
     }
     seen.wellFormed &= body.AtEnd();
-    p.Write(ReplyRecord(r.header, XdrU32(accepted ? 0 : CNDMPError::NDMP_NOT_AUTHORIZED_ERR)));
+    p.Write(ReplyRecord(r.header, XdrU32(accepted ? 0u : std::uint32_t{CNDMPError::NDMP_NOT_AUTHORIZED_ERR})));
   }
 }
 
@@ -221,7 +221,9 @@ TEST_P(Authentication, TriesMethodsInFixedOrder) {
   EXPECT_EQ(client.IsAuthenticated(), c.authenticated);
   EXPECT_EQ(std::string(client.GetUserName()), c.stored ? kUser : "");
   EXPECT_EQ(std::string(client.GetPassword()), c.stored ? kPassword : "");
-  if (*c.logged != '\0') EXPECT_TRUE(log.Contains(c.logged)) << c.logged;
+  if (*c.logged != '\0') {
+    EXPECT_TRUE(log.Contains(c.logged)) << c.logged;
+  }
 
   // Ends the peer's script once everything before it has been answered.
   CNDMPConfigGetHostInfoRequest end;
@@ -232,7 +234,9 @@ TEST_P(Authentication, TriesMethodsInFixedOrder) {
 
   EXPECT_EQ(seen.attempts, c.attempts);
   EXPECT_TRUE(seen.wellFormed);
-  if (!seen.digest.empty()) EXPECT_EQ(seen.digest, kSecretDigest);
+  if (!seen.digest.empty()) {
+    EXPECT_EQ(seen.digest, kSecretDigest);
+  }
   if (!seen.textId.empty()) {
     EXPECT_EQ(seen.textId, kUser);
     EXPECT_EQ(seen.textPassword, kPassword);
@@ -259,7 +263,7 @@ INSTANTIATE_TEST_SUITE_P(
                   false, ""},
         CAuthCase{"UnknownTypeIsNamed", {9, 1}, 2, false, true, false, {"text"}, "NDMP_NO_ERR",
                   false, true, "Unsupported authentication type = UNKNOWN seen."}),
-    [](const ::testing::TestParamInfo<CAuthCase>& info) { return info.param.name; });
+    [](const ::testing::TestParamInfo<CAuthCase>& param) { return param.param.name; });
 
 }  // namespace
 }  // namespace com::vx::korvane::ndmpc

@@ -364,7 +364,7 @@ INSTANTIATE_TEST_SUITE_P(
         CLogHandlerCase{"ErrorDumpAbove6", 7, kHostInfo, 1, {{VxLog::kError, "dump"}}},
         CLogHandlerCase{"ServerInfoAlwaysDumped", 4, kServerInfo, 0, {{VxLog::kDebug, "dump"}}},
         CLogHandlerCase{"ServerInfoDumpNeedsDebug", 3, kServerInfo, 0, {}}),
-    [](const ::testing::TestParamInfo<CLogHandlerCase>& info) { return info.param.name; });
+    [](const ::testing::TestParamInfo<CLogHandlerCase>& param) { return param.param.name; });
 
 }  // namespace
 }  // namespace com::vx::korvane::ndmpc

@@ -88,8 +88,8 @@ TEST_P(ConnectionRefused, ReportsConnectError) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Modes, ConnectionRefused, ::testing::Bool(),
-                         [](const ::testing::TestParamInfo<bool>& info) {
-                           return info.param ? "PAGConnect" : "Connect";
+                         [](const ::testing::TestParamInfo<bool>& param) {
+                           return param.param ? "PAGConnect" : "Connect";
                          });
 
 }  // namespace

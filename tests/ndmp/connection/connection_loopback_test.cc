@@ -303,8 +303,8 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(CLogCase{3, "Sending ", VxLog::kInfo, "Received Message ", VxLog::kInfo},
                       CLogCase{7, "Sending MessagePacket", VxLog::kDebug,
                                "Received Message MessagePacket", VxLog::kDebug}),
-    [](const ::testing::TestParamInfo<CLogCase>& info) {
-      return "Level" + std::to_string(info.param.level);
+    [](const ::testing::TestParamInfo<CLogCase>& param) {
+      return "Level" + std::to_string(param.param.level);
     });
 
 }  // namespace

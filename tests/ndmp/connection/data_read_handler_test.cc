@@ -205,7 +205,7 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(CMoverCase{"Accepted", MoverAnswer::kAccept, 0},
                       CMoverCase{"RefusedInBody", MoverAnswer::kRefuseInBody, 1},
                       CMoverCase{"RefusedInHeader", MoverAnswer::kHeaderError, 1}),
-    [](const ::testing::TestParamInfo<CMoverCase>& info) { return info.param.name; });
+    [](const ::testing::TestParamInfo<CMoverCase>& param) { return param.param.name; });
 
 TEST_F(DataReadExchange, ApplicationRequestCompletesWhileACallbackBlocks) {
   Start(MoverAnswer::kAccept);

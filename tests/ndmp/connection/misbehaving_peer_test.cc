@@ -170,7 +170,7 @@ INSTANTIATE_TEST_SUITE_P(
                    "NDMP_DEVICE_BUSY_ERR", 4},
         CReplyCase{"HeaderErrorAlone", CNDMPError::NDMP_NOT_SUPPORTED_ERR, {},
                    "NDMP_NOT_SUPPORTED_ERR", -1}),
-    [](const ::testing::TestParamInfo<CReplyCase>& info) { return info.param.name; });
+    [](const ::testing::TestParamInfo<CReplyCase>& param) { return param.param.name; });
 
 TEST_F(MisbehavingPeer, TakesOnlyTheReplyWithItsCodeAndSequence) {
   client.RegisterCallback(&all);
@@ -242,7 +242,7 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(CCloseCase{"MidWait", {}},
                       CCloseCase{"MidRecord", Concat({FragmentHeader(100, true),
                                                       std::vector<unsigned char>(10, 0)})}),
-    [](const ::testing::TestParamInfo<CCloseCase>& info) { return info.param.name; });
+    [](const ::testing::TestParamInfo<CCloseCase>& param) { return param.param.name; });
 
 TEST_F(MisbehavingPeer, DisconnectFromAnotherThreadEndsAWaitingRequest) {
   Connect([this](CScriptPeer& p) {
