@@ -39,6 +39,11 @@ CNDMPConnection::CNDMPConnection(VxTcpSocket& socket, VxLog& log) : logHandler_(
   auto* owned = new VxTcpSocket();
   int fd = socket.release();
   if (fd >= 0) owned->adopt(fd);
+  // The threads start here, but the application calls StartServerMode only
+  // afterwards: packets of that gap are held and handed over then, so that a
+  // client's first request is never lost.
+  earlyCollector_ = new CNDMPMessagePacketCollector(earlyQueue_);
+  earlyRegistration_ = CNDMPCallbackRegistrationTable::RegisterCallback(earlyCollector_);
   InitializeConnection(owned);  // the result is ignored on the serving side
 }
 
@@ -64,6 +69,7 @@ CNDMPConnection::CNDMPConnection(const CNDMPConnection& other)
 
 CNDMPConnection::~CNDMPConnection() {
   Disconnect();
+  ReleaseEarlyCollector(false);
   if (serverRegistration_ != nullptr) {
     UnregisterCallback(serverRegistration_);
     serverRegistration_ = nullptr;
@@ -160,6 +166,8 @@ CXDREnumBase<CNDMPError> CNDMPConnection::Connect(
 CXDREnumBase<CNDMPError> CNDMPConnection::Disconnect() {
   if (receiveThread_ != nullptr) {
     receiveThread_->stop(false);
+    // The reader is most likely polling for input: end that poll now.
+    if (socket_ != nullptr) socket_->interruptWait();
     if (!receiveThread_->waitUntilStopped(250) && socket_ != nullptr) {
       // A peer that stalls inside a record keeps the reader blocked: shut the
       // connection down so that stopping never depends on the peer.
@@ -208,11 +216,32 @@ CXDREnumBase<CNDMPError> CNDMPConnection::Disconnect() {
 }
 
 unsigned int CNDMPConnection::StartServerMode() {
+  // Under the table's lock no packet is being dispatched: the held packets
+  // move over first, in order, and every later one goes to the collector.
+  VxGuard lock(*this);
   if (collector_ == nullptr) {
     collector_ = new CNDMPMessagePacketCollector(serverQueue_);
     serverRegistration_ = CNDMPCallbackRegistrationTable::RegisterCallback(collector_);
   }
+  ReleaseEarlyCollector(true);
   return 0;
+}
+
+void CNDMPConnection::ReleaseEarlyCollector(bool handOver) {
+  if (earlyRegistration_ != nullptr) {
+    CNDMPCallbackRegistrationTable::UnregisterCallback(earlyRegistration_);
+    earlyRegistration_ = nullptr;
+  }
+  delete earlyCollector_;
+  earlyCollector_ = nullptr;
+  CNDMPMessagePacket* held = nullptr;
+  while (earlyQueue_.GetNextPacket(held)) {
+    if (handOver) {
+      serverQueue_.PutMessagePacket(*held);
+    } else {
+      delete held;
+    }
+  }
 }
 
 bool CNDMPConnection::IsConnected() const {

@@ -130,6 +130,9 @@ class CNDMPConnection : public CNDMPCallbackRegistrationTable, private CINDMPRep
 
  private:
   unsigned int InitializeConnection(VxTcpSocket* socket);
+  // Ends the serving side's early holding; its packets go to the server
+  // queue when `handOver`, else they are dropped.
+  void ReleaseEarlyCollector(bool handOver);
   unsigned int OpenSocket(VxTcpSocket* socket);
   void StartThreads();
   CXDREnumBase<enums::CNDMPError> SetupProtocolVersion(
@@ -160,6 +163,10 @@ class CNDMPConnection : public CNDMPCallbackRegistrationTable, private CINDMPRep
   CNDMPMessagePacketQueue receivedQueue_;
   CNDMPMessagePacketQueue serverQueue_;
   CNDMPMessagePacketCollector* collector_ = nullptr;
+  // Serving side: holds what arrives before StartServerMode.
+  CNDMPMessagePacketQueue earlyQueue_;
+  CNDMPMessagePacketCollector* earlyCollector_ = nullptr;
+  CNDMPCallbackRegistration* earlyRegistration_ = nullptr;
   CNDMPMessageReceiveThread* receiveThread_ = nullptr;
   CNDMPMessageDispatchThread* dispatchThread_ = nullptr;
   CNDMPLogCallbackHandler logHandler_;
