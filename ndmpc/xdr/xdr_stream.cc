@@ -126,7 +126,7 @@ int CXDRStream::readInputBuffer(int wanted, bool quick) {
   return available_;
 }
 
-int CXDRStream::getBytes(int count, unsigned char* destination) {
+int CXDRStream::getBytesFromSocket(int count, unsigned char* destination) {
   int remaining = count;
   do {
     int r = readInputBuffer(remaining, false);

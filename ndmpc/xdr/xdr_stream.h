@@ -13,6 +13,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <cstring>
 
 #include "ndmpc/foundation/vx_log.h"
 #include "ndmpc/foundation/vx_socket.h"
@@ -44,7 +45,16 @@ class CXDRStream {
   int GetBytesAvailable() const { return available_; }
 
   // Reads `count` bytes (across fragments and records): count, or XDR_FAILURE.
-  int getBytes(int count, unsigned char* destination);
+  // Bytes already in the input buffer are taken inline, without a call.
+  int getBytes(int count, unsigned char* destination) {
+    if (count > 0 && available_ >= count) {
+      std::memcpy(destination, inputCursor_, static_cast<std::size_t>(count));
+      inputCursor_ += count;
+      available_ -= count;
+      return count;
+    }
+    return getBytesFromSocket(count, destination);
+  }
   // Buffers `count` bytes, writing full fragments as needed: count, or XDR_FAILURE.
   int putBytes(int count, const unsigned char* source);
   // Writes the buffered bytes as the record's last fragment: 0, a socket
@@ -62,6 +72,7 @@ class CXDRStream {
 
  private:
   int readInputBuffer(int wanted, bool quick);
+  int getBytesFromSocket(int count, unsigned char* destination);
   int writeOutputBuffer(bool last);
   int Buffered() const { return static_cast<int>(outputCursor_ - outputBuffer_); }
   void EndOfData(const wchar_t* label, bool reset);

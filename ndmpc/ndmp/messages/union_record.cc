@@ -26,8 +26,11 @@ int CNDMPUnionRecord::DeSerialize(CXDRStream& stream) {
   if (CIXDR* arm = SelectArm(discriminant.getInt32(), &name)) {
     // A nested record is read under this record's version, whatever it was
     // registered under before.
-    if (auto* record = dynamic_cast<CXDRContainer*>(arm)) {
-      record->SetProtocolVersion(GetProtocolVersion());
+    if (arm->GetMemberType() == MEMBER_CONTAINER) {
+      auto* record = static_cast<CXDRContainer*>(arm);
+      if (record->GetProtocolVersion() != GetProtocolVersion()) {
+        record->SetProtocolVersion(GetProtocolVersion());
+      }
     }
     result = arm->DeSerialize(stream);
   }
