@@ -182,6 +182,14 @@ int VxTcpSocket::release() {
   return fd;
 }
 
+void VxTcpSocket::setReadTimeout(unsigned int milliseconds) {
+  if (fd_ < 0) return;
+  timeval tv{};
+  tv.tv_sec = static_cast<time_t>(milliseconds / 1000);
+  tv.tv_usec = static_cast<suseconds_t>((milliseconds % 1000) * 1000);
+  setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
+}
+
 unsigned int VxTcpSocket::FillReadAhead() {
   if (!readAhead_) readAhead_.reset(new unsigned char[kReadAheadSize]);
   for (;;) {

@@ -71,6 +71,9 @@ class VxTcpSocket {
   void adopt(int fd);
   // Gives the descriptor up (the caller owns it now); -1 when there is none.
   int release();
+  // Makes a read that waits longer than `milliseconds` for more data fail
+  // (0: wait without limit, the default).
+  void setReadTimeout(unsigned int milliseconds);
 
   unsigned int read(void* buffer, unsigned int length, unsigned int* transferred);
   // `more` hints that further data follows at once (the kernel may hold

@@ -14,6 +14,7 @@ using enums::CNDMPError;
 namespace {
 
 constexpr unsigned int kHandshakeSize = 8;
+constexpr unsigned int kAnswerWaitMs = 30000;
 constexpr unsigned int kAnswerBodyLimit = 224;
 constexpr unsigned int kLoginSize = 688;
 constexpr unsigned int kFirstField = 184, kFirstWidth = 48;
@@ -49,14 +50,20 @@ unsigned int CNDMPConnection::PAGInitializeConnection(VxTcpSocket* socket) {
   // Results of the handshake are not checked: a refused login shows itself
   // later, when requests get no reply.
   socket_->write(handshake, kHandshakeSize, &moved);
+  // The answers are read with a time limit, so that a peer stalling halfway
+  // through one cannot hold the caller for ever.
+  socket_->setReadTimeout(kAnswerWaitMs);
   unsigned char answer[kHandshakeSize] = {0};
-  if (socket_->waitForInput(30000) == 0 &&
+  if (socket_->waitForInput(kAnswerWaitMs) == 0 &&
       socket_->read(answer, kHandshakeSize, &moved) == 0 && moved == kHandshakeSize) {
     unsigned int length = (static_cast<unsigned int>(answer[6]) << 8) | answer[7];
     if (length > kAnswerBodyLimit) length = kAnswerBodyLimit;
     unsigned char body[kAnswerBodyLimit];
-    if (length != 0 && socket_->waitForInput(30000) == 0) socket_->read(body, length, &moved);
+    if (length != 0 && socket_->waitForInput(kAnswerWaitMs) == 0) {
+      socket_->read(body, length, &moved);
+    }
   }
+  socket_->setReadTimeout(0);
   return 0;
 }
 
@@ -105,7 +112,9 @@ CXDREnumBase<CNDMPError> CNDMPConnection::PAGAuthenticate(const char* first, con
   if (socket_ != nullptr) {
     socket_->write(login, kLoginSize, &moved);
     unsigned char answer[kHandshakeSize];
-    if (socket_->waitForInput(30000) == 0) socket_->read(answer, kHandshakeSize, &moved);
+    socket_->setReadTimeout(kAnswerWaitMs);
+    if (socket_->waitForInput(kAnswerWaitMs) == 0) socket_->read(answer, kHandshakeSize, &moved);
+    socket_->setReadTimeout(0);
     StartThreads();
   }
   VxThread::sleep(600);
