@@ -9,7 +9,7 @@
 namespace com::vx::korvane::ndmpc::tools {
 namespace {
 
-struct COptionSpec {
+struct COptionDef {
   const char* longName;  // without "--"
   char shortName;        // 0: none
   bool takesValue;
@@ -28,8 +28,8 @@ bool SetUnsigned(const std::string& name, const std::string& text, std::uint64_t
   return true;
 }
 
-const std::vector<COptionSpec>& Specs() {
-  static const std::vector<COptionSpec> specs = {
+const std::vector<COptionDef>& Definitions() {
+  static const std::vector<COptionDef> definitions = {
       {"host", 'H', true,
        [](COptions& o, const std::string& v, std::string* e) {
          if (v.empty()) {
@@ -155,19 +155,19 @@ const std::vector<COptionSpec>& Specs() {
          return true;
        }},
   };
-  return specs;
+  return definitions;
 }
 
-const COptionSpec* FindLong(const std::string& name) {
-  for (const COptionSpec& spec : Specs()) {
-    if (name == spec.longName) return &spec;
+const COptionDef* FindLong(const std::string& name) {
+  for (const COptionDef& def : Definitions()) {
+    if (name == def.longName) return &def;
   }
   return nullptr;
 }
 
-const COptionSpec* FindShort(char name) {
-  for (const COptionSpec& spec : Specs()) {
-    if (spec.shortName == name) return &spec;
+const COptionDef* FindShort(char name) {
+  for (const COptionDef& def : Definitions()) {
+    if (def.shortName == name) return &def;
   }
   return nullptr;
 }
@@ -225,33 +225,33 @@ bool ParseOptions(int argc, const char* const* argv, COptions* options, std::str
         name = name.substr(0, equals);
         hasValue = true;
       }
-      const COptionSpec* spec = FindLong(name);
-      if (spec == nullptr) {
+      const COptionDef* def = FindLong(name);
+      if (def == nullptr) {
         *error = "unknown option --" + name + " (see ndmpc --help)";
         return false;
       }
-      if (spec->takesValue && !hasValue) {
+      if (def->takesValue && !hasValue) {
         if (i + 1 >= argc) {
           *error = "--" + name + " needs a value";
           return false;
         }
         value = argv[++i];
-      } else if (!spec->takesValue && hasValue) {
+      } else if (!def->takesValue && hasValue) {
         *error = "--" + name + " takes no value";
         return false;
       }
-      if (!spec->apply(*options, value, error)) return false;
+      if (!def->apply(*options, value, error)) return false;
       continue;
     }
     // Short options, possibly clustered ("-vv") or with an attached value ("-p10000").
     for (std::size_t k = 1; k < arg.size(); ++k) {
-      const COptionSpec* spec = FindShort(arg[k]);
-      if (spec == nullptr) {
+      const COptionDef* def = FindShort(arg[k]);
+      if (def == nullptr) {
         *error = std::string("unknown option -") + arg[k] + " (see ndmpc --help)";
         return false;
       }
-      if (!spec->takesValue) {
-        if (!spec->apply(*options, "", error)) return false;
+      if (!def->takesValue) {
+        if (!def->apply(*options, "", error)) return false;
         continue;
       }
       std::string value = arg.substr(k + 1);
@@ -262,7 +262,7 @@ bool ParseOptions(int argc, const char* const* argv, COptions* options, std::str
         }
         value = argv[++i];
       }
-      if (!spec->apply(*options, value, error)) return false;
+      if (!def->apply(*options, value, error)) return false;
       break;
     }
   }
