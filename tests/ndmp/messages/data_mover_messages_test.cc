@@ -74,13 +74,6 @@ TEST(MoverGetStateReply, Version3HasNoModeWord) {
   const auto v3 = Concat({Words({2}), tail});
   EXPECT_EQ(EncodeAt(reply, 3), Hex(v3));
   EXPECT_EQ(reply.SerializeSize(), v3.size());
-
-  CNDMPMoverGetStateReply back;
-  back.SetProtocolVersion(CXDREnumBase<enums::CNDMPProtocolVersion>(3u));
-  ASSERT_EQ(DecodeValue(v3, back), 0);
-  EXPECT_EQ(back.Error.getInt32(), 2u);
-  EXPECT_EQ(back.State.getInt32(), 3u);
-  EXPECT_EQ(back.WindowLength.getUint64(), 6u);
 }
 
 TEST(Addr, TcpIsACountedListWithEnvironmentsFromVersion4) {
@@ -97,18 +90,6 @@ TEST(Addr, TcpIsACountedListWithEnvironmentsFromVersion4) {
   // Version 3: exactly one address, without an environment.
   EXPECT_EQ(EncodeAt(addr, 3), Hex(Words({1, 0xC0A80001, 10002})));
   EXPECT_EQ(addr.SerializeSize(), 12u);
-
-  CNDMPAddr back3;
-  back3.SetProtocolVersion(CXDREnumBase<enums::CNDMPProtocolVersion>(3u));
-  ASSERT_EQ(DecodeValue(Words({1, 0x01020304, 99}), back3), 0);
-  EXPECT_EQ(back3.TcpAddress.IPAddress.getInt32(), 0x01020304u);
-  EXPECT_EQ(back3.TcpAddress.Port.getInt32(), 99u);
-
-  CNDMPAddr back4;
-  ASSERT_EQ(DecodeValue(v4, back4), 0);
-  ASSERT_EQ(back4.TcpAddressList.size(), 2u);
-  EXPECT_EQ(back4.TcpAddressList[0].AddressEnv[0].Name.GetString(), "ab");
-  EXPECT_EQ(back4.TcpAddressList[1].Port.getInt32(), 10001u);
 }
 
 TEST(Addr, EncodesTheArmItsTypeSelects) {
@@ -406,10 +387,6 @@ TEST(DataMoverMessages, FactoryRepliesForEveryNonZeroType) {
   EXPECT_NE(dynamic_cast<CNDMPMoverReadReply*>(reply.get()), nullptr);
   std::unique_ptr<CNDMPMessage> prepare(CNDMPMessageAccess::Make(0x20520001, 0));
   EXPECT_NE(dynamic_cast<CNDMPCabDataConnectPrepareRequest*>(prepare.get()), nullptr);
-  // Gaps of the data range stay empty.
-  for (unsigned int code : {0x405u, 0x406u, 0x408u, 0xA0Au}) {
-    EXPECT_EQ(CNDMPMessageAccess::Make(code, 0), nullptr) << code;
-  }
 }
 
 }  // namespace

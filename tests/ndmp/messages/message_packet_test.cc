@@ -254,37 +254,21 @@ TEST(MessagePacket, WithoutBodyWritesNothing) {
 }
 
 std::vector<unsigned char> Header(unsigned int code, unsigned int type, unsigned int error) {
-  auto word = [](unsigned int v) {
-    return std::vector<unsigned char>{static_cast<unsigned char>(v >> 24),
-                                      static_cast<unsigned char>(v >> 16),
-                                      static_cast<unsigned char>(v >> 8),
-                                      static_cast<unsigned char>(v)};
-  };
   std::vector<unsigned char> out;
   for (unsigned int v : {9u, 0u, type, code, 3u, error}) {
-    auto w = word(v);
-    out.insert(out.end(), w.begin(), w.end());
+    for (int shift : {24, 16, 8, 0}) out.push_back(static_cast<unsigned char>(v >> shift));
   }
   return out;
 }
 
+// The factory's choice itself is covered above; here the packet must use it.
 TEST(MessagePacket, DeserialisesBodyChosenByCodeAndType) {
-  struct Case {
-    unsigned int code, type;
-    const char* cls;
-  } cases[] = {
-      {0x900, 2, "CNDMPConnectOpenReply"},
-      {0x900, 0, "CNDMPConnectOpenRequest"},
-      {0x502, 1, "CNDMPNotifyConnectionStatusPost"},
-  };
-  for (const Case& c : cases) {
-    std::vector<unsigned char> bytes = Header(c.code, c.type, 0);
-    bytes.resize(bytes.size() + 64, 0);  // a zero body long enough for any of them
-    CNDMPMessagePacket packet;
-    testing::DecodeValue(bytes, packet);
-    ASSERT_NE(packet.GetMessage(), nullptr);
-    EXPECT_EQ(ClassName(*packet.GetMessage()), c.cls);
-  }
+  std::vector<unsigned char> bytes = Header(0x900, 2, 0);
+  bytes.resize(bytes.size() + 4, 0);
+  CNDMPMessagePacket packet;
+  EXPECT_EQ(testing::DecodeValue(bytes, packet), 0);
+  ASSERT_NE(packet.GetMessage(), nullptr);
+  EXPECT_EQ(ClassName(*packet.GetMessage()), "CNDMPConnectOpenReply");
 }
 
 TEST(MessagePacket, HeaderErrorIsTheResultAndNoBodyIsRead) {
