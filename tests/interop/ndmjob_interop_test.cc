@@ -1,15 +1,6 @@
 // Interoperability with an independent NDMP server: the ndmjob server of the
-// amanda-server package, run as a black box on 127.0.0.1. Every test starts
-// its own server on a free port with a fresh directory (tapes left open leave
-// lock files behind) and stops it by PID.
-//
-// What this server does that the tests rely on: it offers MD5 and text
-// authentication and refuses NONE; it never answers NDMP_CONFIG_GET_EXT_LIST
-// or a code no interface defines (only a time-out tells), and refuses
-// NDMP_CONNECT_SERVER_AUTH with a bare header; it keeps one MD5 challenge per
-// connection; it accepts tape records of up to 262144 bytes and sends long
-// replies in several fragments; reading at a filemark gives NDMP_EOF_ERR
-// until the tape is spaced over it.
+// amanda-server package, run as a black box on 127.0.0.1, one fresh server
+// (own port and directory) per test.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -143,6 +134,13 @@ class Ndmjob : public ::testing::Test {
               CNDMPError::NDMP_NO_ERR);
   }
 
+  // Connects a second connection to the same server and logs it in.
+  static void LogIn(CNDMPConnection& other) {
+    ASSERT_EQ(other.Connect(), CNDMPError::NDMP_NO_ERR);
+    ASSERT_EQ(other.Authenticate(CNdmjobServer::kUser, CNdmjobServer::kPassword),
+              CNDMPError::NDMP_NO_ERR);
+  }
+
   // Sends `request`; returns the send's result and the reply as class Reply
   // (null when none came or it is of another class).
   template <class Reply>
@@ -168,6 +166,38 @@ class Ndmjob : public ::testing::Test {
   std::unique_ptr<CNDMPMoverGetStateReply> MoverState() {
     CNDMPMoverGetStateRequest request;
     return AskOk<CNDMPMoverGetStateReply>(request);
+  }
+
+  // Asks a query whose reply must decode whole and carry no error.
+  template <class Request, class Reply>
+  std::unique_ptr<Reply> AskNoError() {
+    Request request;
+    std::unique_ptr<Reply> reply = AskOk<Reply>(request);
+    if (reply != nullptr) {
+      EXPECT_EQ(reply->Error, CNDMPError::NDMP_NO_ERR);
+    }
+    return reply;
+  }
+
+  // Opens a fresh tape file "tape0" on this connection.
+  void OpenTape(unsigned int mode = CNDMPEnumTapeOpenMode::NDMP_TAPE_RDWR_MODE) {
+    ASSERT_EQ(CNDMPTapeHelper::TapeOpen(connection_.get(), server_.NewTape("tape0").c_str(),
+                                        CXDREnumBase<CNDMPEnumTapeOpenMode>(mode), false),
+              CNDMPError::NDMP_NO_ERR);
+  }
+
+  // Opens a tape, asks the mover to listen on TCP for reading.
+  std::unique_ptr<CNDMPMoverListenReply> Listen() {
+    OpenTape();
+    CNDMPMoverListenRequest listen;
+    listen.Mode = CNDMPEnumMoverMode::NDMP_MOVER_MODE_READ;
+    listen.AddressType = CNDMPEnumAddrType::NDMP_ADDR_TCP;
+    std::unique_ptr<CNDMPMoverListenReply> reply = AskOk<CNDMPMoverListenReply>(listen);
+    if (reply != nullptr) {
+      EXPECT_EQ(reply->Error, CNDMPError::NDMP_NO_ERR);
+      EXPECT_EQ(reply->Address.AddressType, CNDMPEnumAddrType::NDMP_ADDR_TCP);
+    }
+    return reply;
   }
 
   CNdmjobServer server_;
@@ -206,20 +236,9 @@ TEST_F(Ndmjob, NegotiatesVersion4OrTheForcedVersion3) {
   EXPECT_EQ(v3->Error, CNDMPError::NDMP_NO_ERR);
   EXPECT_EQ(v3->State, CNDMPEnumMoverState::NDMP_MOVER_STATE_IDLE);
   EXPECT_EQ(v3->RecordSize, v4->RecordSize);
-  CNDMPConfigGetHostInfoRequest host;
-  std::unique_ptr<CNDMPConfigGetHostInfoReply> info = AskOk<CNDMPConfigGetHostInfoReply>(host);
+  auto info = AskNoError<CNDMPConfigGetHostInfoRequest, CNDMPConfigGetHostInfoReply>();
   ASSERT_NE(info, nullptr);
   EXPECT_FALSE(info->hostname.GetString().empty());
-}
-
-TEST_F(Ndmjob, AuthenticatesWithMD5) {
-  ASSERT_EQ(connection_->Connect(), CNDMPError::NDMP_NO_ERR);
-  EXPECT_FALSE(connection_->IsAuthenticated());
-  ASSERT_EQ(connection_->Authenticate(CNdmjobServer::kUser, CNdmjobServer::kPassword),
-            CNDMPError::NDMP_NO_ERR);
-  // Only the MD5 path sets the flag: the server took the digest.
-  EXPECT_TRUE(connection_->IsAuthenticated());
-  EXPECT_STREQ(connection_->GetUserName(), CNdmjobServer::kUser);
 }
 
 TEST_F(Ndmjob, TextAuthenticationAcceptedNoneRefused) {
@@ -264,95 +283,58 @@ TEST_F(Ndmjob, TextAuthenticationAcceptedNoneRefused) {
   }
 }
 
-TEST_F(Ndmjob, WrongPasswordIsNotAuthorized) {
+TEST_F(Ndmjob, WrongPasswordIsNotAuthorizedThenMD5Succeeds) {
   ASSERT_EQ(connection_->Connect(), CNDMPError::NDMP_NO_ERR);
   // MD5 is refused, then plain text: nothing else is offered.
   EXPECT_EQ(connection_->Authenticate(CNdmjobServer::kUser, "not-the-password"),
             CNDMPError::NDMP_NOT_AUTHORIZED_ERR);
   EXPECT_FALSE(connection_->IsAuthenticated());
   EXPECT_STREQ(connection_->GetPassword(), "");
-  // The server keeps the connection after refusing: the right password is
-  // accepted on the same connection.
-  EXPECT_TRUE(connection_->IsConnected());
+  // The right password is then accepted with MD5 on the same connection
+  // (only the MD5 path sets the flag).
   EXPECT_EQ(connection_->Authenticate(CNdmjobServer::kUser, CNdmjobServer::kPassword),
             CNDMPError::NDMP_NO_ERR);
   EXPECT_TRUE(connection_->IsAuthenticated());
+  EXPECT_STREQ(connection_->GetUserName(), CNdmjobServer::kUser);
 }
 
 TEST_F(Ndmjob, AnswersEveryConfigQuery) {
   ASSERT_NO_FATAL_FAILURE(ConnectAndLogIn());
-  {
-    CNDMPConfigGetHostInfoRequest request;
-    auto reply = AskOk<CNDMPConfigGetHostInfoReply>(request);
+  auto host = AskNoError<CNDMPConfigGetHostInfoRequest, CNDMPConfigGetHostInfoReply>();
+  ASSERT_NE(host, nullptr);
+  EXPECT_FALSE(host->OSType.GetString().empty());
+  auto server = AskNoError<CNDMPConfigGetServerInfoRequest, CNDMPConfigGetServerInfoReply>();
+  ASSERT_NE(server, nullptr);
+  EXPECT_FALSE(server->VenderName.GetString().empty());
+  EXPECT_FALSE(server->ProductName.GetString().empty());
+  std::vector<unsigned int> types;
+  for (auto& t : server->AuthenticationTypes) types.push_back(t.getInt32());
+  EXPECT_EQ(types, (std::vector<unsigned int>{CNDMPEnumAuthType::NDMP_AUTH_TEXT,
+                                              CNDMPEnumAuthType::NDMP_AUTH_MD5}));
+  auto kinds = AskNoError<CNDMPConfigGetConnectionTypeRequest, CNDMPConfigGetConnectionTypeReply>();
+  ASSERT_NE(kinds, nullptr);
+  bool tcp = false;
+  for (auto& t : kinds->AddressTypes) tcp = tcp || t == CNDMPEnumAddrType::NDMP_ADDR_TCP;
+  EXPECT_TRUE(tcp);
+  // One 64-byte challenge per connection: asking again gives the same.
+  std::vector<std::string> challenges;
+  for (int i = 0; i < 2; ++i) {
+    CNDMPConfigGetAuthAttrRequest request;
+    request.AuthType = CNDMPEnumAuthType::NDMP_AUTH_MD5;
+    auto reply = AskOk<CNDMPConfigGetAuthAttrReply>(request);
     ASSERT_NE(reply, nullptr);
     EXPECT_EQ(reply->Error, CNDMPError::NDMP_NO_ERR);
-    EXPECT_FALSE(reply->hostname.GetString().empty());
-    EXPECT_FALSE(reply->OSType.GetString().empty());
+    EXPECT_EQ(reply->ServerAttr.AuthType, CNDMPEnumAuthType::NDMP_AUTH_MD5);
+    ASSERT_EQ(reply->ServerAttr.Challenge.GetSize(), 64u);
+    challenges.emplace_back(static_cast<const char*>(reply->ServerAttr.Challenge.GetData()), 64);
   }
-  {
-    CNDMPConfigGetServerInfoRequest request;
-    auto reply = AskOk<CNDMPConfigGetServerInfoReply>(request);
-    ASSERT_NE(reply, nullptr);
-    EXPECT_EQ(reply->Error, CNDMPError::NDMP_NO_ERR);
-    EXPECT_FALSE(reply->VenderName.GetString().empty());
-    EXPECT_FALSE(reply->ProductName.GetString().empty());
-    std::vector<unsigned int> types;
-    for (auto& t : reply->AuthenticationTypes) types.push_back(t.getInt32());
-    EXPECT_EQ(types, (std::vector<unsigned int>{CNDMPEnumAuthType::NDMP_AUTH_TEXT,
-                                                CNDMPEnumAuthType::NDMP_AUTH_MD5}));
-  }
-  {
-    CNDMPConfigGetConnectionTypeRequest request;
-    auto reply = AskOk<CNDMPConfigGetConnectionTypeReply>(request);
-    ASSERT_NE(reply, nullptr);
-    EXPECT_EQ(reply->Error, CNDMPError::NDMP_NO_ERR);
-    bool tcp = false;
-    for (auto& t : reply->AddressTypes) tcp = tcp || t == CNDMPEnumAddrType::NDMP_ADDR_TCP;
-    EXPECT_TRUE(tcp);
-  }
-  {
-    // One 64-byte challenge per connection: asking again gives the same.
-    std::vector<std::string> challenges;
-    for (int i = 0; i < 2; ++i) {
-      CNDMPConfigGetAuthAttrRequest request;
-      request.AuthType = CNDMPEnumAuthType::NDMP_AUTH_MD5;
-      auto reply = AskOk<CNDMPConfigGetAuthAttrReply>(request);
-      ASSERT_NE(reply, nullptr);
-      EXPECT_EQ(reply->Error, CNDMPError::NDMP_NO_ERR);
-      EXPECT_EQ(reply->ServerAttr.AuthType, CNDMPEnumAuthType::NDMP_AUTH_MD5);
-      ASSERT_EQ(reply->ServerAttr.Challenge.GetSize(), 64u);
-      const auto* bytes = static_cast<const char*>(reply->ServerAttr.Challenge.GetData());
-      challenges.emplace_back(bytes, 64);
-    }
-    EXPECT_EQ(challenges[0], challenges[1]);
-    EXPECT_NE(challenges[0], std::string(64, '\0'));
-  }
-  // With an empty configuration the lists are empty; what matters is that
-  // each reply decodes whole and carries no error.
-  {
-    CNDMPConfigGetButypeAttrRequest request;
-    auto reply = AskOk<CNDMPConfigGetButypeAttrReply>(request);
-    ASSERT_NE(reply, nullptr);
-    EXPECT_EQ(reply->Error, CNDMPError::NDMP_NO_ERR);
-  }
-  {
-    CNDMPConfigGetFsInfoRequest request;
-    auto reply = AskOk<CNDMPConfigGetFsInfoReply>(request);
-    ASSERT_NE(reply, nullptr);
-    EXPECT_EQ(reply->Error, CNDMPError::NDMP_NO_ERR);
-  }
-  {
-    CNDMPConfigGetTapeInfoRequest request;
-    auto reply = AskOk<CNDMPConfigGetTapeInfoReply>(request);
-    ASSERT_NE(reply, nullptr);
-    EXPECT_EQ(reply->Error, CNDMPError::NDMP_NO_ERR);
-  }
-  {
-    CNDMPConfigGetSCSIInfoRequest request;
-    auto reply = AskOk<CNDMPConfigGetSCSIInfoReply>(request);
-    ASSERT_NE(reply, nullptr);
-    EXPECT_EQ(reply->Error, CNDMPError::NDMP_NO_ERR);
-  }
+  EXPECT_EQ(challenges[0], challenges[1]);
+  EXPECT_NE(challenges[0], std::string(64, '\0'));
+  // With an empty configuration these lists are empty.
+  AskNoError<CNDMPConfigGetButypeAttrRequest, CNDMPConfigGetButypeAttrReply>();
+  AskNoError<CNDMPConfigGetFsInfoRequest, CNDMPConfigGetFsInfoReply>();
+  AskNoError<CNDMPConfigGetTapeInfoRequest, CNDMPConfigGetTapeInfoReply>();
+  AskNoError<CNDMPConfigGetSCSIInfoRequest, CNDMPConfigGetSCSIInfoReply>();
 }
 
 // A request with a code that no interface defines.
@@ -378,10 +360,7 @@ TEST_F(Ndmjob, UnansweredRequestsTimeOutAndConnectionStaysUsable) {
         << CNDMPMessageAccess::Code(*k.request).ToString();
     EXPECT_EQ(reply, nullptr);
   }
-  CNDMPConfigGetHostInfoRequest host;
-  auto reply = AskOk<CNDMPConfigGetHostInfoReply>(host);
-  ASSERT_NE(reply, nullptr);
-  EXPECT_EQ(reply->Error, CNDMPError::NDMP_NO_ERR);
+  AskNoError<CNDMPConfigGetHostInfoRequest, CNDMPConfigGetHostInfoReply>();
 }
 
 // Deterministic contents for a record of `size` bytes.
@@ -394,10 +373,7 @@ std::vector<unsigned char> Record(std::size_t size) {
 TEST_F(Ndmjob, TapeWrittenAndReadBackThroughHelpers) {
   ASSERT_NO_FATAL_FAILURE(ConnectAndLogIn());
   CNDMPConnection* c = connection_.get();
-  const std::string tape = server_.NewTape("tape0");
-  ASSERT_EQ(CNDMPTapeHelper::TapeOpen(c, tape.c_str(), CNDMPEnumTapeOpenMode::NDMP_TAPE_RDWR_MODE,
-                                      false),
-            CNDMPError::NDMP_NO_ERR);
+  ASSERT_NO_FATAL_FAILURE(OpenTape());
   // 262144 bytes is the largest record the server takes; its reply spans
   // many fragments on the way back.
   const std::size_t sizes[] = {1, 512, 4096, 65536, 262144};
@@ -410,14 +386,12 @@ TEST_F(Ndmjob, TapeWrittenAndReadBackThroughHelpers) {
         << size;
     EXPECT_EQ(written, size);
   }
-  unsigned int resid = 99;
-  EXPECT_EQ(CNDMPTapeHelper::TapeMTIO(c, CNDMPEnumMtioOp::NDMP_MTIO_EOF, 1, &resid),
-            CNDMPError::NDMP_NO_ERR);
-  EXPECT_EQ(resid, 0u);
-  resid = 99;
-  EXPECT_EQ(CNDMPTapeHelper::TapeMTIO(c, CNDMPEnumMtioOp::NDMP_MTIO_REW, 1, &resid),
-            CNDMPError::NDMP_NO_ERR);
-  EXPECT_EQ(resid, 0u);
+  for (unsigned int op : {CNDMPEnumMtioOp::NDMP_MTIO_EOF, CNDMPEnumMtioOp::NDMP_MTIO_REW}) {
+    unsigned int resid = 99;
+    EXPECT_EQ(CNDMPTapeHelper::TapeMTIO(c, CXDREnumBase<CNDMPEnumMtioOp>(op), 1, &resid),
+              CNDMPError::NDMP_NO_ERR);
+    EXPECT_EQ(resid, 0u);
+  }
 
   for (std::size_t size : sizes) {
     std::vector<unsigned char> back(size, 0);
@@ -432,22 +406,13 @@ TEST_F(Ndmjob, TapeWrittenAndReadBackThroughHelpers) {
   unsigned int read = 99;
   EXPECT_EQ(CNDMPTapeHelper::TapeRead(c, &byte, 1, &read), CNDMPError::NDMP_EOF_ERR);
   EXPECT_EQ(read, 0u);
-
-  CNDMPTapeGetStateRequest state;
-  auto reply = AskOk<CNDMPTapeGetStateReply>(state);
-  ASSERT_NE(reply, nullptr);
-  EXPECT_EQ(reply->NDMP_Error, CNDMPError::NDMP_NO_ERR);
-
   EXPECT_EQ(CNDMPTapeHelper::TapeClose(c), CNDMPError::NDMP_NO_ERR);
 }
 
 TEST_F(Ndmjob, FilemarksSeparateFilesAndSpacingReportsResid) {
   ASSERT_NO_FATAL_FAILURE(ConnectAndLogIn());
   CNDMPConnection* c = connection_.get();
-  const std::string tape = server_.NewTape("tape0");
-  ASSERT_EQ(CNDMPTapeHelper::TapeOpen(c, tape.c_str(), CNDMPEnumTapeOpenMode::NDMP_TAPE_RDWR_MODE,
-                                      false),
-            CNDMPError::NDMP_NO_ERR);
+  ASSERT_NO_FATAL_FAILURE(OpenTape());
   // Two files of one record each: 100 bytes, filemark, 200 bytes, filemark.
   unsigned int count = 0;
   for (std::size_t size : {100u, 200u}) {
@@ -499,9 +464,7 @@ TEST_F(Ndmjob, DeviceErrorsComeBackThroughHelpers) {
   CCapturingLog otherLog;
   otherLog.setLevel(2);
   CNDMPConnection other("127.0.0.1", "127.0.0.1", otherLog, server_.port());
-  ASSERT_EQ(other.Connect(), CNDMPError::NDMP_NO_ERR);
-  ASSERT_EQ(other.Authenticate(CNdmjobServer::kUser, CNdmjobServer::kPassword),
-            CNDMPError::NDMP_NO_ERR);
+  ASSERT_NO_FATAL_FAILURE(LogIn(other));
   const std::string tape = server_.NewTape("tape0");
   const CXDREnumBase<CNDMPEnumTapeOpenMode> rdwr(CNDMPEnumTapeOpenMode::NDMP_TAPE_RDWR_MODE);
   unsigned int count = 99;
@@ -544,9 +507,7 @@ TEST_F(Ndmjob, BusyTapeOpensOnRetryOnceItsHolderClosesIt) {
   ASSERT_NO_FATAL_FAILURE(ConnectAndLogIn());
   CSendCounter otherLog("Sending NDMP_TAPE_OPEN");
   CNDMPConnection other("127.0.0.1", "127.0.0.1", otherLog, server_.port());
-  ASSERT_EQ(other.Connect(), CNDMPError::NDMP_NO_ERR);
-  ASSERT_EQ(other.Authenticate(CNdmjobServer::kUser, CNdmjobServer::kPassword),
-            CNDMPError::NDMP_NO_ERR);
+  ASSERT_NO_FATAL_FAILURE(LogIn(other));
   const std::string tape = server_.NewTape("tape0");
   const CXDREnumBase<CNDMPEnumTapeOpenMode> rdwr(CNDMPEnumTapeOpenMode::NDMP_TAPE_RDWR_MODE);
   ASSERT_EQ(CNDMPTapeHelper::TapeOpen(connection_.get(), tape.c_str(), rdwr, false),
@@ -564,51 +525,31 @@ TEST_F(Ndmjob, BusyTapeOpensOnRetryOnceItsHolderClosesIt) {
   EXPECT_EQ(CNDMPTapeHelper::TapeClose(&other), CNDMPError::NDMP_NO_ERR);
 }
 
-TEST_F(Ndmjob, MoverAndDataStatesAreIdle) {
+TEST_F(Ndmjob, MoverListensOnTcpAndAborts) {
   ASSERT_NO_FATAL_FAILURE(ConnectAndLogIn());
-  std::unique_ptr<CNDMPMoverGetStateReply> mover = MoverState();
-  ASSERT_NE(mover, nullptr);
-  EXPECT_EQ(mover->Error, CNDMPError::NDMP_NO_ERR);
-  EXPECT_EQ(mover->State, CNDMPEnumMoverState::NDMP_MOVER_STATE_IDLE);
-  EXPECT_EQ(mover->DataConnAddress.AddressType, CNDMPEnumAddrType::NDMP_ADDR_LOCAL);
+  std::unique_ptr<CNDMPMoverGetStateReply> idle = MoverState();
+  ASSERT_NE(idle, nullptr);
+  EXPECT_EQ(idle->DataConnAddress.AddressType, CNDMPEnumAddrType::NDMP_ADDR_LOCAL);
   CNDMPDataGetStateRequest request;
   auto data = AskOk<CNDMPDataGetStateReply>(request);
   ASSERT_NE(data, nullptr);
-  EXPECT_EQ(data->NDMP_Error, CNDMPError::NDMP_NO_ERR);
   EXPECT_EQ(data->State, enums::CNDMPEnumDataState::NDMP_DATA_STATE_IDLE);
-}
 
-TEST_F(Ndmjob, MoverListensOnTcpAndAborts) {
-  ASSERT_NO_FATAL_FAILURE(ConnectAndLogIn());
-  CNDMPConnection* c = connection_.get();
-  const std::string tape = server_.NewTape("tape0");
-  ASSERT_EQ(CNDMPTapeHelper::TapeOpen(c, tape.c_str(), CNDMPEnumTapeOpenMode::NDMP_TAPE_RDWR_MODE,
-                                      false),
-            CNDMPError::NDMP_NO_ERR);
-  CNDMPMoverListenRequest listen;
-  listen.Mode = CNDMPEnumMoverMode::NDMP_MOVER_MODE_READ;
-  listen.AddressType = CNDMPEnumAddrType::NDMP_ADDR_TCP;
-  auto reply = AskOk<CNDMPMoverListenReply>(listen);
+  std::unique_ptr<CNDMPMoverListenReply> reply = Listen();
   ASSERT_NE(reply, nullptr);
-  EXPECT_EQ(reply->Error, CNDMPError::NDMP_NO_ERR);
-  ASSERT_EQ(reply->Address.AddressType, CNDMPEnumAddrType::NDMP_ADDR_TCP);
   ASSERT_GE(reply->Address.TcpAddressList.size(), 1u);
   EXPECT_EQ(reply->Address.TcpAddressList[0].IPAddress, kLoopback);
   const unsigned int port = reply->Address.TcpAddressList[0].Port;
   EXPECT_NE(port, 0u);
-
   std::unique_ptr<CNDMPMoverGetStateReply> state = MoverState();
   ASSERT_NE(state, nullptr);
   EXPECT_EQ(state->State, CNDMPEnumMoverState::NDMP_MOVER_STATE_LISTEN);
-  ASSERT_EQ(state->DataConnAddress.AddressType, CNDMPEnumAddrType::NDMP_ADDR_TCP);
   ASSERT_GE(state->DataConnAddress.TcpAddressList.size(), 1u);
   EXPECT_EQ(state->DataConnAddress.TcpAddressList[0].Port, port);
 
-  // The abort is answered, then the server posts NDMP_NOTIFY_MOVER_HALTED.
-  // Under version 4 that post is the reason alone, while
-  // CNDMPNotifyMoverHaltedPost always reads a text reason after it, so the
-  // post's decoding would run into the next record; the whole halt cycle is
-  // therefore followed under version 3 (MoverHaltCycleUnderVersion3).
+  // Under version 4 the halted post that follows is the reason alone, while
+  // CNDMPNotifyMoverHaltedPost always reads a text reason after it; the
+  // halt cycle is therefore followed under version 3 (next test).
   CNDMPMoverAbortRequest abort;
   auto aborted = AskOk<CNDMPMoverAbortReply>(abort);
   ASSERT_NE(aborted, nullptr);
@@ -617,21 +558,11 @@ TEST_F(Ndmjob, MoverListensOnTcpAndAborts) {
 
 TEST_F(Ndmjob, MoverHaltCycleUnderVersion3) {
   ASSERT_NO_FATAL_FAILURE(ConnectAndLogIn(3));
-  CNDMPConnection* c = connection_.get();
   CPostCollector<CNDMPNotifyMoverHaltedPost> halted;
   CNDMPCallbackRegistration* registration =
-      c->RegisterCallback(&halted, CNDMPMessageCode::NDMP_NOTIFY_MOVER_HALTED);
-  const std::string tape = server_.NewTape("tape0");
-  ASSERT_EQ(CNDMPTapeHelper::TapeOpen(c, tape.c_str(), CNDMPEnumTapeOpenMode::NDMP_TAPE_RDWR_MODE,
-                                      false),
-            CNDMPError::NDMP_NO_ERR);
-  CNDMPMoverListenRequest listen;
-  listen.Mode = CNDMPEnumMoverMode::NDMP_MOVER_MODE_READ;
-  listen.AddressType = CNDMPEnumAddrType::NDMP_ADDR_TCP;
-  auto reply = AskOk<CNDMPMoverListenReply>(listen);
+      connection_->RegisterCallback(&halted, CNDMPMessageCode::NDMP_NOTIFY_MOVER_HALTED);
+  std::unique_ptr<CNDMPMoverListenReply> reply = Listen();
   ASSERT_NE(reply, nullptr);
-  EXPECT_EQ(reply->Error, CNDMPError::NDMP_NO_ERR);
-  ASSERT_EQ(reply->Address.AddressType, CNDMPEnumAddrType::NDMP_ADDR_TCP);
   // Version 3 carries exactly one TCP address.
   EXPECT_EQ(reply->Address.TcpAddress.IPAddress, kLoopback);
   EXPECT_NE(reply->Address.TcpAddress.Port, 0u);
@@ -643,7 +574,6 @@ TEST_F(Ndmjob, MoverHaltCycleUnderVersion3) {
   std::vector<CNDMPNotifyMoverHaltedPost> posts = halted.WaitFor(1);
   ASSERT_EQ(posts.size(), 1u);
   EXPECT_EQ(posts[0].Reason, CNDMPEnumMoverHaltReason::NDMP_MOVER_HALT_ABORTED);
-
   std::unique_ptr<CNDMPMoverGetStateReply> state = MoverState();
   ASSERT_NE(state, nullptr);
   EXPECT_EQ(state->State, CNDMPEnumMoverState::NDMP_MOVER_STATE_HALTED);
@@ -656,8 +586,8 @@ TEST_F(Ndmjob, MoverHaltCycleUnderVersion3) {
   state = MoverState();
   ASSERT_NE(state, nullptr);
   EXPECT_EQ(state->State, CNDMPEnumMoverState::NDMP_MOVER_STATE_IDLE);
-  EXPECT_EQ(CNDMPTapeHelper::TapeClose(c), CNDMPError::NDMP_NO_ERR);
-  c->UnregisterCallback(registration);
+  EXPECT_EQ(CNDMPTapeHelper::TapeClose(connection_.get()), CNDMPError::NDMP_NO_ERR);
+  connection_->UnregisterCallback(registration);
 }
 
 }  // namespace

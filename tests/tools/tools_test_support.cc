@@ -72,50 +72,24 @@ class CJsonParser {
         continue;
       }
       if (pos_ >= text_.size()) return false;
-      char e = text_[pos_++];
-      switch (e) {
-        case '"':
-          *out += '"';
-          break;
-        case '\\':
-          *out += '\\';
-          break;
-        case '/':
-          *out += '/';
-          break;
-        case 'b':
-          *out += '\b';
-          break;
-        case 'f':
-          *out += '\f';
-          break;
-        case 'n':
-          *out += '\n';
-          break;
-        case 'r':
-          *out += '\r';
-          break;
-        case 't':
-          *out += '\t';
-          break;
-        case 'u': {
-          if (pos_ + 4 > text_.size()) return false;
-          unsigned int cp =
-              static_cast<unsigned int>(std::stoul(text_.substr(pos_, 4), nullptr, 16));
-          pos_ += 4;
-          // Enough for the tests: code points below U+0800 as UTF-8.
-          if (cp < 0x80) {
-            *out += static_cast<char>(cp);
-          } else if (cp < 0x800) {
-            *out += static_cast<char>(0xC0 | (cp >> 6));
-            *out += static_cast<char>(0x80 | (cp & 0x3F));
-          } else {
-            return false;
-          }
-          break;
-        }
-        default:
-          return false;
+      const char e = text_[pos_++];
+      static const char kFrom[] = "\"\\/bfnrt";
+      static const char kTo[] = "\"\\/\b\f\n\r\t";
+      if (const char* at = std::strchr(kFrom, e); at != nullptr && e != '\0') {
+        *out += kTo[at - kFrom];
+        continue;
+      }
+      if (e != 'u' || pos_ + 4 > text_.size()) return false;
+      const auto cp = static_cast<unsigned int>(std::stoul(text_.substr(pos_, 4), nullptr, 16));
+      pos_ += 4;
+      // Enough for the tests: code points below U+0800 as UTF-8.
+      if (cp < 0x80) {
+        *out += static_cast<char>(cp);
+      } else if (cp < 0x800) {
+        *out += static_cast<char>(0xC0 | (cp >> 6));
+        *out += static_cast<char>(0x80 | (cp & 0x3F));
+      } else {
+        return false;
       }
     }
     if (pos_ >= text_.size()) return false;
