@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -26,7 +27,6 @@ using testing::kWaitMs;
 TEST(ThreadEvent, AutoResetReleasesOneWaitAndClears) {
   VxThreadEvent event(VxThreadEvent::kAutoReset, false);
   EXPECT_EQ(event.wait(10), VX_WAIT_TIMEOUT);
-  EXPECT_EQ(VX_WAIT_TIMEOUT, 0xC1001000u);
   event.set();
   EXPECT_TRUE(event.isSet());
   EXPECT_EQ(event.wait(0), 0u);
@@ -77,14 +77,12 @@ TEST(ThreadEvent, ManualResetReleasesEveryWaiterUntilReset) {
 }
 
 TEST(ThreadEvent, MinusOneWaitsWithoutLimit) {
-  for (unsigned int forever : {VX_INFINITE, static_cast<unsigned int>(-1)}) {
-    VxThreadEvent event(VxThreadEvent::kAutoReset, false);
-    std::atomic<unsigned int> result{1};
-    std::thread waiter([&] { result = event.wait(forever); });
-    event.set();
-    waiter.join();
-    EXPECT_EQ(result.load(), 0u);
-  }
+  VxThreadEvent event(VxThreadEvent::kAutoReset, false);
+  std::atomic<unsigned int> result{1};
+  std::thread waiter([&] { result = event.wait(static_cast<unsigned int>(-1)); });
+  event.set();
+  waiter.join();
+  EXPECT_EQ(result.load(), 0u);
 }
 
 class CLoopThread : public VxThread {
@@ -168,7 +166,6 @@ TEST(TcpSocket, ReportsEndOfDataAndWaitForInputSeesIt) {
   unsigned char buffer[4];
   unsigned int got = 99;
   EXPECT_EQ(tcp.socket.read(buffer, 4, &got), VX_SOCKET_END_OF_DATA);
-  EXPECT_EQ(VX_SOCKET_END_OF_DATA, 0xC100100Du);
   EXPECT_EQ(got, 2u);
   EXPECT_EQ(buffer[1], 2);
   EXPECT_FALSE(tcp.socket.isConnected());
@@ -186,14 +183,6 @@ TEST(TcpSocket, ReportsResetByPeer) {
   unsigned int got = 99;
   EXPECT_EQ(tcp.socket.read(buffer, 4, &got), 10054u);
   EXPECT_EQ(got, 0u);
-}
-
-TEST(TcpSocket, WaitForInputTimesOutOnAnIdleConnection) {
-  CLoopbackTcp tcp;
-  ASSERT_TRUE(tcp.ok());
-  EXPECT_EQ(tcp.socket.waitForInput(10), VX_SOCKET_TIMEOUT);
-  ASSERT_TRUE(tcp.PeerWrite({5}));
-  EXPECT_EQ(tcp.socket.waitForInput(kWaitMs), 0u);
 }
 
 TEST(TcpSocket, LocalCloseEndsReadsAndWrites) {
@@ -255,18 +244,12 @@ TEST(TcpSocket, ConnectToAClosedPortIsRefused) {
   EXPECT_NE(socket.connect(VxSocketAddress("", port), kWaitMs), 0u);
 }
 
-TEST(TcpListener, AcceptTimesOutWithoutAClient) {
+TEST(TcpListener, AcceptWithoutWaitingTakesOnlyAPendingConnection) {
   VxTcpListener listener;
   ASSERT_EQ(listener.listen("127.0.0.1", 0), 0u);
-  EXPECT_NE(listener.port(), 0u);
-  VxTcpSocket socket;
-  EXPECT_EQ(listener.accept(socket, 20), VX_SOCKET_TIMEOUT);
-  EXPECT_EQ(listener.accept(socket, 0), VX_SOCKET_TIMEOUT);
-}
-
-TEST(TcpListener, AcceptWithoutWaitingTakesAPendingConnection) {
-  VxTcpListener listener;
-  ASSERT_EQ(listener.listen("127.0.0.1", 0), 0u);
+  VxTcpSocket idle;
+  EXPECT_EQ(listener.accept(idle, 20), VX_SOCKET_TIMEOUT);
+  EXPECT_EQ(listener.accept(idle, 0), VX_SOCKET_TIMEOUT);
   VxTcpSocket client;
   ASSERT_EQ(client.connect(VxSocketAddress("127.0.0.1", listener.port()), kWaitMs), 0u);
   VxTcpSocket served;
@@ -282,28 +265,19 @@ TEST(TcpListener, AcceptWithoutWaitingTakesAPendingConnection) {
 
 TEST(Log, FiltersByLevel) {
   CCapturingLog log;
-  struct Case {
-    int level;
-    std::vector<VxLog::Severity> kept;
-  };
-  const Case cases[] = {
-      {0, {}},
-      {1, {VxLog::kError}},
-      {2, {VxLog::kError, VxLog::kWarning}},
-      {3, {VxLog::kError, VxLog::kWarning, VxLog::kInfo}},
-      {4, {VxLog::kError, VxLog::kWarning, VxLog::kInfo, VxLog::kDebug}},
-      {7, {VxLog::kError, VxLog::kWarning, VxLog::kInfo, VxLog::kDebug}},
-  };
-  for (const Case& c : cases) {
+  const std::vector<VxLog::Severity> all = {VxLog::kError, VxLog::kWarning, VxLog::kInfo,
+                                            VxLog::kDebug};
+  for (int level : {0, 1, 2, 3, 4, 7}) {
     log.Clear();
-    log.setLevel(c.level);
+    log.setLevel(level);
     log.error("e");
     log.warning("w");
     log.info("i");
     log.debug("d");
     std::vector<VxLog::Severity> kept;
     for (auto& line : log.Lines()) kept.push_back(line.first);
-    EXPECT_EQ(kept, c.kept) << "level " << c.level;
+    EXPECT_EQ(kept, std::vector<VxLog::Severity>(all.begin(), all.begin() + std::min(level, 4)))
+        << "level " << level;
   }
   VxLog plain;
   EXPECT_EQ(plain.getLevel(), 2);
@@ -319,17 +293,6 @@ TEST(Log, FormatsWideLabelsAndLongLines) {
   ASSERT_EQ(texts.size(), 2u);
   EXPECT_EQ(texts[0], "(CXDRStream::readInputBuffer) Detected NO_MORE_DATA. Closing socket.");
   EXPECT_EQ(texts[1], longText + "|42");
-}
-
-TEST(Log, SinkReceivesWholeLines) {
-  VxLog log;
-  log.setLevel(4);
-  std::vector<std::pair<VxLog::Severity, std::string>> seen;
-  log.setSink([&](VxLog::Severity s, const char* text) { seen.emplace_back(s, text); });
-  log.info("a %d", 1);
-  log.debug("b");
-  EXPECT_EQ(seen, (std::vector<std::pair<VxLog::Severity, std::string>>{{VxLog::kInfo, "a 1"},
-                                                                        {VxLog::kDebug, "b"}}));
 }
 
 // Every line is "<letter>" repeated, then the letter's count; a line mixed

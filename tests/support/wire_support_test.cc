@@ -34,19 +34,5 @@ TEST(WireSupport, DecodesLargePayloadsAndStopsAWriterNobodyReads) {
   EXPECT_EQ(DecodeValue(std::vector<unsigned char>(1 << 20, 0), word), 4);
 }
 
-TEST(WireSupport, CapturingLogKeepsLinesWithSeverity) {
-  CCapturingLog log;
-  log.debug("a %d", 1);
-  log.error("b %s", "two");
-  auto lines = log.Lines();
-  ASSERT_EQ(lines.size(), 2u);
-  EXPECT_EQ(lines[0], CCapturingLog::Line(VxLog::kDebug, "a 1"));
-  EXPECT_EQ(lines[1], CCapturingLog::Line(VxLog::kError, "b two"));
-  EXPECT_TRUE(log.Contains("two"));
-  EXPECT_FALSE(log.Contains("three"));
-  log.Clear();
-  EXPECT_TRUE(log.Lines().empty());
-}
-
 }  // namespace
 }  // namespace com::vx::korvane::ndmpc::testing

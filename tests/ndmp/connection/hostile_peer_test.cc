@@ -116,28 +116,6 @@ TEST(HostilePeer, StallInsideRecordTimesOutAndDisconnectIsPrompt) {
   EXPECT_TRUE(peer.Join());
 }
 
-TEST(HostilePeer, SilentPeerTimesOutRequestAndDisconnectIsPrompt) {
-  CCapturingLog log;
-  CScriptPeer peer;
-  CNDMPConnection client("127.0.0.1", "127.0.0.1", log, peer.port());
-  std::atomic<bool> done{false};
-  // Never reads nor writes again after the open exchange.
-  ConnectClient(peer, client, [&done](CScriptPeer&) {
-    while (!done.load()) std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  });
-
-  CNDMPConfigGetHostInfoRequest request;
-  CNDMPMessage* reply = nullptr;
-  auto start = Clock::now();
-  EXPECT_EQ(client.SendMessage(request, &reply, 2), CNDMPError::NDMP_TIMEOUT_ERR);
-  double waited = SecondsSince(start);
-  EXPECT_GE(waited, 1.0);
-  EXPECT_LT(waited, 6.0);
-  ExpectPromptDisconnect(client);
-  done = true;
-  EXPECT_TRUE(peer.Join());
-}
-
 TEST(HostilePeer, FloodOfPostsDoesNotHideTheReply) {
   constexpr int kPosts = 20000;
   VxLog log;
