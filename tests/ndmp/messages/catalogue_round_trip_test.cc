@@ -137,5 +137,20 @@ TEST(MessageCatalogue, EveryClassRoundTripsPopulated) {
   }
 }
 
+// Requests without arguments are the header alone, however they are filled.
+TEST(MessageCatalogue, ArgumentlessRequestsHaveNoBody) {
+  for (std::uint32_t code : {0x100u, 0x102u, 0x104u, 0x105u, 0x106u, 0x107u, 0x108u, 0x10Au,
+                             0x201u, 0x202u, 0x204u, 0x205u, 0x301u, 0x302u, 0x902u}) {
+    for (unsigned version : {3u, 4u}) {
+      std::unique_ptr<CNDMPMessage> request = Made(code, 0, version);
+      ASSERT_NE(request, nullptr) << std::hex << code;
+      unsigned seed = 0;
+      Fill(*request, seed, 0);
+      EXPECT_TRUE(EncodeValue(*request).empty()) << std::hex << code;
+      EXPECT_EQ(request->SerializeSize(), 0u) << std::hex << code;
+    }
+  }
+}
+
 }  // namespace
 }  // namespace com::vx::korvane::ndmpc::testing

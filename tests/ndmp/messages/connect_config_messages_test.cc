@@ -47,27 +47,6 @@ std::vector<unsigned char> XdrString(const std::string& text) {
   return bytes;
 }
 
-TEST(ConnectConfigMessages, ArgumentlessRequestsAreTheHeaderAlone) {
-  const std::vector<std::pair<const char*, std::function<CNDMPMessage*()>>> requests = {
-      {"ConnectClose", [] { return new CNDMPConnectCloseRequest; }},
-      {"ConfigGetHostInfo", [] { return new CNDMPConfigGetHostInfoRequest; }},
-      {"ConfigGetConnectionType", [] { return new CNDMPConfigGetConnectionTypeRequest; }},
-      {"ConfigGetServerInfo", [] { return new CNDMPConfigGetServerInfoRequest; }},
-      {"ConfigGetButypeAttr", [] { return new CNDMPConfigGetButypeAttrRequest; }},
-      {"ConfigGetFsInfo", [] { return new CNDMPConfigGetFsInfoRequest; }},
-      {"ConfigGetTapeInfo", [] { return new CNDMPConfigGetTapeInfoRequest; }},
-      {"ConfigGetSCSIInfo", [] { return new CNDMPConfigGetSCSIInfoRequest; }},
-      {"ConfigGetExtList", [] { return new CNDMPConfigGetExtListRequest; }},
-  };
-  for (const auto& [name, make] : requests) {
-    SCOPED_TRACE(name);
-    std::unique_ptr<CNDMPMessage> request(make());
-    EXPECT_TRUE(EncodeValue(*request).empty());
-    EXPECT_EQ(request->SerializeSize(), 0u);
-  }
-
-}
-
 TEST(ConnectConfigMessages, ClientAuthEncodesTheArmOfItsType) {
   CNDMPConnectClientAuthRequest none;
   EXPECT_EQ(Hex(EncodeValue(none)), Hex(Bytes({0, 0, 0, 0})));

@@ -81,23 +81,6 @@ TEST(ScsiTapeMessages, ScsiTargetNumbersTravelAsFullWords) {
 
 }
 
-TEST(ScsiTapeMessages, ArgumentlessRequestsAreEmpty) {
-  const std::vector<std::pair<const char*, std::function<CNDMPMessage*()>>> requests = {
-      {"TapeClose", [] { return new CNDMPTapeCloseRequest; }},
-      {"TapeGetState", [] { return new CNDMPTapeGetStateRequest; }},
-      {"ScsiClose", [] { return new CNDMPScsiCloseRequest; }},
-      {"ScsiGetState", [] { return new CNDMPScsiGetStateRequest; }},
-      {"ScsiResetDevice", [] { return new CNDMPScsiResetDeviceRequest; }},
-      {"ScsiResetBus", [] { return new CNDMPScsiResetBusRequest; }},
-  };
-  for (const auto& [name, make] : requests) {
-    SCOPED_TRACE(name);
-    std::unique_ptr<CNDMPMessage> request(make());
-    EXPECT_TRUE(EncodeValue(*request).empty());
-    EXPECT_EQ(request->SerializeSize(), 0u);
-  }
-}
-
 TEST(ScsiTapeMessages, CdbBodiesAreSharedAndDifferOnlyInCode) {
   // A fresh reply holds a one-byte status made from data: the byte and its
   // padding, no length word.
