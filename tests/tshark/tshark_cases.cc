@@ -62,10 +62,8 @@ CTsharkCase& CCaseList::Push(CTsharkCase c, const std::string& suffix) {
 const std::vector<CTsharkCase>& AllTsharkCases() {
   static const std::vector<CTsharkCase> all = [] {
     CCaseList list;
-    AddConnectConfigCases(list);
-    AddScsiTapeCases(list);
-    AddDataMoverCases(list);
-    AddNotifyLogFhCases(list);
+    AddSpecialCases(list);
+    AddCatalogueCases(list);
     return list.Cases();
   }();
   return all;

@@ -88,10 +88,16 @@ class CCaseList {
     c.fields = std::move(fields);
     return Push(std::move(c), suffix);
   }
-  // A case for a body without members.
-  template <class T>
-  CTsharkCase& AddEmpty(const char* family, unsigned version) {
-    return Add<T>(family, version, [](T&) {}, {});
+  // A case for the body `make` returns, already at `version`.
+  CTsharkCase& AddMade(const char* family, unsigned version,
+                       std::function<std::unique_ptr<CNDMPMessage>()> make,
+                       std::vector<CExpectedField> fields, const std::string& suffix) {
+    CTsharkCase c;
+    c.family = family;
+    c.version = version;
+    c.make = std::move(make);
+    c.fields = std::move(fields);
+    return Push(std::move(c), suffix);
   }
 
   std::vector<CTsharkCase>& Cases() { return cases_; }
@@ -103,11 +109,12 @@ class CCaseList {
   std::vector<CTsharkCase> cases_;
 };
 
-// The cases of each family, defined next to each other by family.
-void AddConnectConfigCases(CCaseList& list);
-void AddScsiTapeCases(CCaseList& list);
-void AddDataMoverCases(CCaseList& list);
-void AddNotifyLogFhCases(CCaseList& list);
+// The standard messages populated from the factory table, and the
+// hand-written cases of the messages whose values tshark interprets.
+void AddCatalogueCases(CCaseList& list);
+void AddSpecialCases(CCaseList& list);
+// Member paths of the catalogue cases that have no tshark field named.
+const std::vector<std::string>& MembersWithoutTsharkField();
 
 // Every case, built once.
 const std::vector<CTsharkCase>& AllTsharkCases();

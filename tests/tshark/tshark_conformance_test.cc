@@ -449,5 +449,10 @@ TEST(TsharkConformanceCoverage, CoversEveryStandardMessage) {
   }
 }
 
+// Every member of every catalogue case names the tshark field it shows as.
+TEST(TsharkConformanceCoverage, EveryMemberHasATsharkField) {
+  for (const std::string& path : MembersWithoutTsharkField()) ADD_FAILURE() << path;
+}
+
 }  // namespace
 }  // namespace com::vx::korvane::ndmpc::testing
