@@ -5,7 +5,6 @@
 // tshark reads from their values (the open exchange, CDBs) keep
 // hand-written cases in special_cases.cc.
 #include <cstdio>
-#include <map>
 #include <memory>
 #include <set>
 #include <string>
@@ -13,7 +12,6 @@
 
 #include "ndmpc/ndmp/messages/message_access.h"
 #include "tests/support/message_filler.h"
-#include "tests/support/wire_support.h"
 #include "tests/tshark/tshark_cases.h"
 
 namespace com::vx::korvane::ndmpc::testing {
@@ -352,11 +350,6 @@ void AddCatalogueCases(CCaseList& list) {
         if (type == 1 && row.makeRequest == row.makeReply) continue;
         const unsigned variants = HasUnion(*Filled(row.code, type, version, 0)) ? 4 : 1;
         for (unsigned variant = 0; variant < variants; ++variant) {
-          // Version 3 is shown where its bytes differ from version 4's.
-          if (version == 3 && EncodeValue(*Filled(row.code, type, 3, variant)) ==
-                                  EncodeValue(*Filled(row.code, type, 4, variant))) {
-            continue;
-          }
           AddOne(list, row.code, type, version, variant);
         }
       }
