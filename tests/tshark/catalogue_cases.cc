@@ -172,9 +172,6 @@ struct CQuirk {
   const char* why;
 };
 const CQuirk kQuirks[] = {
-    {0x302, 1, 4, "Partition", "the version 4 reply has no partition; the class sends one always"},
-    {0x503, 2, 4, "TextReason",
-     "the version 4 post is the reason alone; the class sends the text always"},
     {0x603, 2, 4, "AssocMessageValid",
      "tshark 4.0 does not read the associated-message fields of version 4"},
     {0x40B, 2, 0, nullptr, "tshark 4.0 does not know NDMP_DATA_START_RECOVER_FILEHIST"},
