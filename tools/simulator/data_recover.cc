@@ -155,7 +155,8 @@ class CRecover {
         item.hostDestination.pop_back();
       }
       bool absolute = false;
-      if (!ImagePath(item.original, &item.original, &absolute)) {
+      std::string given = item.original;
+      if (!ImagePath(given, &item.original, &absolute)) {
         source_.Fail(CSimHaltReason::kInternalError, "recover item " + item.original + " has \"..\"");
         return source_.halt();
       }
