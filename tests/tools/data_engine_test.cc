@@ -280,6 +280,33 @@ TEST_F(DataEngine, SelectiveRestoreReadsOnlyWhatItNeeds) {
   }
 }
 
+TEST(TarImage, HeadersCarryWhatUstarFieldsCannotHold) {
+  std::string longName = "./" + std::string(200, 'x') + "/" + std::string(101, 'y');
+  CTarEntry cases[] = {
+      {"./a/b", "", '0', 0755, 1, 2, 0, 1700000000},
+      {"./sparse.img", "", '0', 0600, 0, 0, (std::uint64_t{8} << 30) + 1, -86400},
+      {"./Grüße/", "", '5', 0700, 1u << 30, 4000000000u, 0, std::int64_t{1} << 40},
+      {"./link", longName, '2', 0777, 0, 0, 0, 0},
+      {longName, "", '0', 04755, 7, 7, 12345, 1},
+  };
+  for (const CTarEntry& e : cases) {
+    std::string blocks = EncodeTarHeader(e), error;
+    std::size_t at = 0;
+    auto readExact = [&](void* p, std::size_t n) {
+      if (at + n > blocks.size()) return false;
+      std::memcpy(p, blocks.data() + at, n);
+      at += n;
+      return true;
+    };
+    CTarEntry back;
+    ASSERT_EQ(ReadTarHeader(readExact, &back, &error), CTarRead::kEntry) << e.name << error;
+    EXPECT_EQ(at, blocks.size()) << e.name;
+    EXPECT_EQ(std::tie(back.name, back.linkName, back.type, back.mode, back.uid, back.gid,
+                       back.size, back.mtime),
+              std::tie(e.name, e.linkName, e.type, e.mode, e.uid, e.gid, e.size, e.mtime));
+  }
+}
+
 TEST(DataEngineRefusals, ResolveUnderRootKeepsInsideTheRoot) {
   CTempDir dir;
   std::string root = dir.File("root");

@@ -168,13 +168,15 @@ bool ApplyPax(const std::string& records, CTarEntry* entry, bool* hasSize, bool*
     if (records[at] == '\0') break;  // padding some writers leave
     std::size_t space = records.find(' ', at);
     std::int64_t length = 0;
-    if (space == std::string::npos || !ParseDecimal(records.substr(at, space - at), false, &length) ||
+    if (space == std::string::npos ||
+        !ParseDecimal(records.substr(at, space - at), false, &length) ||
         length <= static_cast<std::int64_t>(space - at) + 1 ||
         static_cast<std::uint64_t>(length) > records.size() - at ||
         records[at + static_cast<std::size_t>(length) - 1] != '\n') {
       return false;
     }
-    std::string record = records.substr(space + 1, at + static_cast<std::size_t>(length) - space - 2);
+    std::string record =
+        records.substr(space + 1, at + static_cast<std::size_t>(length) - space - 2);
     at += static_cast<std::size_t>(length);
     std::size_t equals = record.find('=');
     if (equals == std::string::npos) return false;
@@ -229,7 +231,8 @@ std::string EncodeTarHeader(const CTarEntry& entry) {
   if (!records.empty()) {
     std::string base = entry.name;
     while (base.size() > 1 && base.back() == '/') base.pop_back();
-    base = base.substr(base.find_last_of('/') == std::string::npos ? 0 : base.find_last_of('/') + 1);
+    base =
+        base.substr(base.find_last_of('/') == std::string::npos ? 0 : base.find_last_of('/') + 1);
     CTarEntry pax;
     pax.type = 'x';
     pax.mode = 0644;
@@ -239,11 +242,11 @@ std::string EncodeTarHeader(const CTarEntry& entry) {
     out += records;
     out.resize(TarPadded(out.size()), '\0');
   }
-  return out + Block(entry, prefix, name, link, entry.size,
-                     entry.mtime < 0 || !FitsOctal(static_cast<std::uint64_t>(entry.mtime),
-                                                   kMtime.width)
-                         ? 0
-                         : entry.mtime);
+  return out +
+         Block(entry, prefix, name, link, entry.size,
+               entry.mtime < 0 || !FitsOctal(static_cast<std::uint64_t>(entry.mtime), kMtime.width)
+                   ? 0
+                   : entry.mtime);
 }
 
 CTarRead ReadTarHeader(const std::function<bool(void*, std::size_t)>& readExact, CTarEntry* entry,
@@ -308,7 +311,8 @@ CTarRead ReadTarHeader(const std::function<bool(void*, std::size_t)>& readExact,
       std::string prefix = std::memcmp(block + kMagic.offset, "ustar", 5) == 0
                                ? FieldText(block, kPrefix)
                                : std::string();
-      entry->name = prefix.empty() ? FieldText(block, kName) : prefix + "/" + FieldText(block, kName);
+      entry->name =
+          prefix.empty() ? FieldText(block, kName) : prefix + "/" + FieldText(block, kName);
     }
     entry->linkName = hasLink ? pending.linkName : FieldText(block, kLink);
     // Links and directories carry no data whatever the size field says.
