@@ -160,8 +160,11 @@ class CRecover {
       bool absolute = false;
       std::string given = item.original;
       if (!ImagePath(given, &item.original, &absolute)) {
-        source_.Fail(CSimHaltReason::kInternalError,
-                     "recover item " + item.original + " has \"..\"");
+        source_.Fail(CSimHaltReason::kInternalError, "recover item " + given + " has \"..\"");
+        return source_.halt();
+      }
+      if (!job_.historyOnly && item.hostDestination.empty()) {
+        source_.Fail(CSimHaltReason::kInternalError, "recover item " + given + " has no destination");
         return source_.halt();
       }
     }
