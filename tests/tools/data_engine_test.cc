@@ -67,7 +67,8 @@ Tree Snapshot(const std::string& root) {
     if (S_ISLNK(st.st_mode)) {
       line += std::filesystem::read_symlink(path).string();
     } else {
-      line += std::to_string(st.st_mtime) + " " + std::to_string(st.st_size) + " " +
+      line += std::to_string(st.st_mtim.tv_sec) + "." + std::to_string(st.st_mtim.tv_nsec) + " " +
+              std::to_string(st.st_size) + " " +
               (S_ISREG(st.st_mode) ? std::to_string(std::hash<std::string>()(ReadFile(path))) : "");
     }
   };
@@ -238,15 +239,19 @@ TEST_F(DataEngine, HistoryDescribesTheTree) {
 TEST_F(DataEngine, SelectiveRestoreReadsOnlyWhatItNeeds) {
   const std::string utf8 = "/d1/d2/Grüße, 日本語 " + std::string(110, 'n') + ".txt";
   const std::string spaced = "/name with spaces.txt", deep = "/d1/d2/d3/d4/deep.bin";
-  const std::uint64_t kRight = 0, kWrong = 1;  // kWrong: the offset of another entry
+  const std::uint64_t kRight = 0, kWrong = 1;       // kWrong: the offset of another entry
+  std::uint64_t sub4Header = image_->bytes.size();  // a directory's header ends at the next one
+  for (const auto& [p, f] : fh_) {
+    if (f > fh_.at("/sub4")) sub4Header = std::min(sub4Header, f - fh_.at("/sub4"));
+  }
   struct {
     std::vector<std::pair<std::string, std::uint64_t>> items;  // original, fhInfo
     std::uint64_t slack;  // bounded bytes read beyond the items' own headers and data
     bool wholePass;       // ends with one request for the whole image
   } cases[] = {
       {{{spaced, kRight}, {utf8, kRight}, {deep, kRight}}, 0, false},
-      {{{"/big.bin", kRight}, {"/d1/d2", kRight}}, kAll, false},      // subtree last: to its end
-      {{{"/sub3", kRight}, {"/sub7/f7.empty", kRight}}, 512, false},  // a header past the end
+      {{{"/big.bin", kRight}, {"/d1/d2", kRight}}, kAll, false},  // subtree last: to its end
+      {{{"/sub3", kRight}, {"/sub7/f7.empty", kRight}}, sub4Header, false},  // read past its end
       {{{deep, kWrong}, {"/sub5", kRight}}, kAll, true},
       {{{"/d1", kAll}}, kAll, true},
   };
@@ -287,7 +292,8 @@ TEST(TarImage, HeadersCarryWhatUstarFieldsCannotHold) {
       {"./sparse.img", "", '0', 0600, 0, 0, (std::uint64_t{8} << 30) + 1, -86400},
       {"./Grüße/", "", '5', 0700, 1u << 30, 4000000000u, 0, std::int64_t{1} << 40},
       {"./link", longName, '2', 0777, 0, 0, 0, 0},
-      {longName, "", '0', 04755, 7, 7, 12345, 1},
+      {longName, "", '0', 04755, 7, 7, 12345, 1, 999999999},
+      {"./before 1970", "", '0', 0644, 0, 0, 0, -5, 250000000},
   };
   for (const CTarEntry& e : cases) {
     std::string blocks = EncodeTarHeader(e), error;
@@ -301,9 +307,10 @@ TEST(TarImage, HeadersCarryWhatUstarFieldsCannotHold) {
     CTarEntry back;
     ASSERT_EQ(ReadTarHeader(readExact, &back, &error), CTarRead::kEntry) << e.name << error;
     EXPECT_EQ(at, blocks.size()) << e.name;
-    EXPECT_EQ(std::tie(back.name, back.linkName, back.type, back.mode, back.uid, back.gid,
-                       back.size, back.mtime),
-              std::tie(e.name, e.linkName, e.type, e.mode, e.uid, e.gid, e.size, e.mtime));
+    EXPECT_EQ(
+        std::tie(back.name, back.linkName, back.type, back.mode, back.uid, back.gid, back.size,
+                 back.mtime, back.mtimeNsec),
+        std::tie(e.name, e.linkName, e.type, e.mode, e.uid, e.gid, e.size, e.mtime, e.mtimeNsec));
   }
 }
 

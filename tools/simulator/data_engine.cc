@@ -211,7 +211,8 @@ class CBackup {
     tar.mode = st.st_mode & 07777;
     tar.uid = st.st_uid;
     tar.gid = st.st_gid;
-    tar.mtime = st.st_mtime;
+    tar.mtime = st.st_mtim.tv_sec;
+    tar.mtimeNsec = static_cast<std::uint32_t>(st.st_mtim.tv_nsec);
     struct stat fileStat = st;
     int fd = -1;
     DIR* dir = nullptr;
@@ -229,7 +230,8 @@ class CBackup {
       }
       tar.type = '0';
       tar.size = static_cast<std::uint64_t>(fileStat.st_size);
-      tar.mtime = fileStat.st_mtime;
+      tar.mtime = fileStat.st_mtim.tv_sec;
+      tar.mtimeNsec = static_cast<std::uint32_t>(fileStat.st_mtim.tv_nsec);
     } else if (S_ISLNK(st.st_mode)) {
       std::vector<char> target(PATH_MAX + 1);
       ssize_t n = readlink(hostPath.c_str(), target.data(), target.size());

@@ -164,7 +164,8 @@ class CRecover {
         return source_.halt();
       }
       if (!job_.historyOnly && item.hostDestination.empty()) {
-        source_.Fail(CSimHaltReason::kInternalError, "recover item " + given + " has no destination");
+        source_.Fail(CSimHaltReason::kInternalError,
+                     "recover item " + given + " has no destination");
         return source_.halt();
       }
     }
@@ -441,7 +442,8 @@ class CRecover {
       ++failures_;
       return;
     }
-    struct timespec times[2] = {{0, UTIME_OMIT}, {static_cast<time_t>(tar.mtime), 0}};
+    struct timespec times[2] = {{0, UTIME_OMIT},
+                                {static_cast<time_t>(tar.mtime), static_cast<long>(tar.mtimeNsec)}};
     utimensat(parent, name.c_str(), times, AT_SYMLINK_NOFOLLOW);
   }
 
@@ -449,7 +451,8 @@ class CRecover {
     // Ownership only when we may give it away; its failure is not an error.
     if (geteuid() == 0 && fchown(fd, tar.uid, tar.gid) != 0) errno = 0;
     fchmod(fd, tar.mode);
-    struct timespec times[2] = {{0, UTIME_OMIT}, {static_cast<time_t>(tar.mtime), 0}};
+    struct timespec times[2] = {{0, UTIME_OMIT},
+                                {static_cast<time_t>(tar.mtime), static_cast<long>(tar.mtimeNsec)}};
     futimens(fd, times);
   }
 
