@@ -2,13 +2,13 @@
 // while, with random disconnects and reconnects, watching throughput and
 // resident memory. Not a test and not timed by CI; run it by hand:
 //
-//   ndmpc_soak [seconds=180] [connections=200]
+//   ndmpc_soak [seconds=180] [connections=200] [drop-one-in=50]
 //
 // The server runs in a child process so that the two memory figures are
 // apart; the parent reads the child's /proc/PID/status. Each worker thread
 // drives ten connections, picking one at random for every step: a closed
 // one is connected (version 3 or 4, at random) and authenticated, an open
-// one is dropped with probability 1/50, otherwise it sends one request of
+// one is dropped with probability 1/drop-one-in (never when 0), otherwise it sends one request of
 // the mix and waits for its reply.
 #include <signal.h>
 #include <sys/wait.h>
@@ -111,8 +111,8 @@ struct CCounters {
   std::atomic<long> disconnects{0};
 };
 
-void Worker(unsigned int port, unsigned int seed, const std::atomic<bool>& stop,
-            CCounters& counters) {
+void Worker(unsigned int port, unsigned int seed, unsigned int dropOneIn,
+            const std::atomic<bool>& stop, CCounters& counters) {
   std::mt19937 random(seed);
   std::vector<std::unique_ptr<ndmpc::CNDMPConnection>> connections;
   for (int i = 0; i < kPerWorker; ++i) {
@@ -133,7 +133,7 @@ void Worker(unsigned int port, unsigned int seed, const std::atomic<bool>& stop,
       }
       continue;
     }
-    if (random() % 50 == 0) {
+    if (dropOneIn != 0 && random() % dropOneIn == 0) {
       c.Disconnect();
       ++counters.disconnects;
       continue;
@@ -163,8 +163,10 @@ void Report(const char* when, double seconds, long requests, long previous, doub
 int main(int argc, char** argv) {
   const double duration = argc > 1 ? std::atof(argv[1]) : 180.0;
   const int connectionCount = argc > 2 ? std::atoi(argv[2]) : 200;
-  if (duration <= 0 || connectionCount < kPerWorker) {
-    std::fprintf(stderr, "usage: %s [seconds > 0] [connections >= %d]\n", argv[0], kPerWorker);
+  const int dropOneIn = argc > 3 ? std::atoi(argv[3]) : 50;
+  if (duration <= 0 || connectionCount < kPerWorker || dropOneIn < 0) {
+    std::fprintf(stderr, "usage: %s [seconds > 0] [connections >= %d] [drop-one-in >= 0]\n",
+                 argv[0], kPerWorker);
     return 2;
   }
   unsigned int port = 0;
@@ -180,8 +182,8 @@ int main(int argc, char** argv) {
   Report("start", 0, 0, 0, 0, server);
   std::vector<std::thread> workers;
   for (int i = 0; i < connectionCount / kPerWorker; ++i) {
-    workers.emplace_back(Worker, port, 1234u + static_cast<unsigned int>(i), std::cref(stop),
-                         std::ref(counters));
+    workers.emplace_back(Worker, port, 1234u + static_cast<unsigned int>(i),
+                         static_cast<unsigned int>(dropOneIn), std::cref(stop), std::ref(counters));
   }
   // One line every 10 s; the first after 30 s marks the warm state.
   long previous = 0;
