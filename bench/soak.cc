@@ -25,6 +25,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/quiet_log.h"
 #include "ndmpc/ndmpc.h"
 #include "tools/simulator/sim_server.h"
 
@@ -36,15 +37,7 @@ namespace {
 
 constexpr int kPerWorker = 10;
 
-ndmpc::VxLog& QuietLog() {
-  static ndmpc::VxLog* log = [] {
-    auto* l = new ndmpc::VxLog();
-    l->setLevel(0);
-    l->setSink([](ndmpc::VxLog::Severity, const char*) {});
-    return l;
-  }();
-  return *log;
-}
+using ndmpc::bench::QuietLog;
 
 // VmRSS of a process in KiB (the caller's own for "self"), or -1.
 long ResidentKb(const std::string& pid) {
