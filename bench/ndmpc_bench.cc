@@ -27,6 +27,7 @@
 #include "ndmpc/ndmp/connection/connection.h"
 #include "ndmpc/ndmp/messages/connect_config_messages.h"
 #include "ndmpc/ndmp/messages/notify_log_fh_messages.h"
+#include "bench/quiet_log.h"
 #include "ndmpc/ndmp/messages/scsi_tape_messages.h"
 
 namespace ndmpc = com::vx::korvane::ndmpc;
@@ -35,15 +36,7 @@ using Bytes = std::vector<unsigned char>;
 
 namespace {
 
-ndmpc::VxLog& QuietLog() {
-  static ndmpc::VxLog* log = [] {
-    auto* l = new ndmpc::VxLog();
-    l->setLevel(0);
-    l->setSink([](ndmpc::VxLog::Severity, const char*) {});
-    return l;
-  }();
-  return *log;
-}
+using ndmpc::bench::QuietLog;
 
 // A connected loopback TCP pair of raw descriptors, both with TCP_NODELAY.
 struct TcpPair {

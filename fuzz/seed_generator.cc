@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <functional>
 #include <thread>
@@ -174,6 +175,53 @@ void StreamSeeds() {
   Write("stream", "huge_fragment", d);
 }
 
+// One client record: `body` under `version` with sequence `sequence`,
+// framed in fragments of 1000 bytes.
+Bytes ClientRecord(ndmpc::CNDMPMessage& body, std::uint32_t version, std::uint32_t sequence) {
+  ndmpc::CNDMPMessagePacket packet(
+      ndmpc::CNDMPMessageAccess::Code(body), ndmpc::CNDMPMessageAccess::Type(body),
+      ndmpc::CXDREnumBase<enums::CNDMPProtocolVersion>(version));
+  packet.GetHeader().Sequence = sequence;
+  packet.SetMessage(body);
+  Bytes payload = Encode([&](ndmpc::CXDRStream& s) { packet.Serialize(s); });
+  return ndmpc::fuzz::Frame(payload.data(), payload.size(), 1000);
+}
+
+// Sessions: open under the version, sixteen default requests of the codes
+// that have request classes, then close (which ends the session at once),
+// with the server offering no authentication and then MD5 and text.
+void ServerSeeds() {
+  constexpr std::size_t kPerSeed = 16;
+  for (std::uint32_t version : {3u, 4u}) {
+    ndmpc::CNDMPConnectOpenRequest open;
+    open.ProtocolVersion = version;
+    ndmpc::CNDMPConnectCloseRequest close;
+    std::vector<Bytes> requests;
+    for (const auto& row : ndmpc::NDMPFactoryTable()) {
+      ndmpc::CNDMPMessage* body = ndmpc::CNDMPMessageAccess::Make(row.code, 0);
+      if (body == nullptr) continue;
+      body->SetProtocolVersion(ndmpc::CXDREnumBase<enums::CNDMPProtocolVersion>(version));
+      requests.push_back(ClientRecord(*body, version, static_cast<std::uint32_t>(requests.size() % kPerSeed) + 2));
+      delete body;
+    }
+    for (std::uint8_t config : {0, 4}) {
+      for (std::size_t first = 0; first < requests.size(); first += kPerSeed) {
+        Bytes seed{static_cast<std::uint8_t>(config | (version == 3 ? 1 : 2))};
+        Bytes r = ClientRecord(open, version, 1);
+        seed.insert(seed.end(), r.begin(), r.end());
+        for (std::size_t k = first; k < std::min(first + kPerSeed, requests.size()); ++k) {
+          seed.insert(seed.end(), requests[k].begin(), requests[k].end());
+        }
+        r = ClientRecord(close, version, 99);
+        seed.insert(seed.end(), r.begin(), r.end());
+        Write("server", "session_v" + std::to_string(version) + "_a" + std::to_string(config) + "_" +
+                            std::to_string(first / kPerSeed),
+              seed);
+      }
+    }
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -185,5 +233,6 @@ int main(int argc, char** argv) {
   PacketSeeds();
   UnionSeeds();
   StreamSeeds();
+  ServerSeeds();
   return 0;
 }

@@ -9,7 +9,7 @@ cd "$(dirname "$0")/.."
 
 seconds=${FUZZ_SECONDS:-60}
 targets=("$@")
-[ ${#targets[@]} -eq 0 ] && targets=(packet stream union)
+[ ${#targets[@]} -eq 0 ] && targets=(packet stream union server)
 
 cmake -S . -B build/fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DCMAKE_CXX_COMPILER=clang++ -DNDMPC_SANITIZER=address -DNDMPC_BUILD_FUZZERS=ON \

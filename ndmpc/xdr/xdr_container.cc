@@ -1,21 +1,6 @@
 #include "ndmpc/xdr/xdr_container.h"
 
-#include <mutex>
-#include <set>
-
 namespace com::vx::korvane::ndmpc {
-namespace {
-
-// Names registered from run-time strings live here for the life of the
-// process, so that a member item can keep a plain pointer to its name.
-const char* InternName(const VxString& name) {
-  static std::mutex mutex;
-  static std::set<VxString>* names = new std::set<VxString>();
-  std::lock_guard<std::mutex> lock(mutex);
-  return names->insert(name).first->c_str();
-}
-
-}  // namespace
 
 void CXDRContainer::CMemberList::push_back(const MemberItem& item) {
   if (size_ < kInline) {
@@ -30,6 +15,12 @@ void CXDRContainer::CMemberList::push_back(const MemberItem& item) {
     overflow_->push_back(item);
   }
   ++size_;
+}
+
+const char* CXDRContainer::CMemberList::KeepName(const VxString& name) {
+  if (!names_) names_.reset(new std::deque<VxString>());
+  names_->push_back(name);
+  return names_->back().c_str();
 }
 
 CXDRContainer& CXDRContainer::operator=(const CXDRContainer& other) {
@@ -51,7 +42,7 @@ int CXDRContainer::AddMember(const char* name, CIXDR* member) {
 
 int CXDRContainer::RegisterMember(const VxString& name, CIXDR* member) {
   if (member == nullptr) return XDR_FAILURE;
-  return AddMember(InternName(name), member);
+  return AddMember(members_.KeepName(name), member);
 }
 
 int CXDRContainer::Serialize(CXDRStream& stream) {

@@ -21,7 +21,9 @@
 // registers its own members when first used.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <type_traits>
 #include <utility>
@@ -35,8 +37,9 @@ namespace com::vx::korvane::ndmpc {
 
 class CXDRContainer : public CIXDR {
  public:
-  // One registered field. The name is not owned: literals are used as they
-  // are, other names are interned for the life of the process.
+  // One registered field. A name given as a literal (a const char array) is
+  // used as it is; any other name is copied into the record, and stays valid
+  // until the record is destroyed or registers its members anew.
   struct MemberItem {
     const char* name;
     CIXDR* member;
@@ -60,9 +63,15 @@ class CXDRContainer : public CIXDR {
   VxString DumpContents(int level) override;
 
   // Appends a member under `name`; 0, or XDR_FAILURE for a null member.
+  // A const char array is taken to be a literal and is not copied; a
+  // writable buffer and a VxString are copied into the record.
   template <std::size_t N>
   int RegisterMember(const char (&name)[N], CIXDR* member) {
     return AddMember(name, member);
+  }
+  template <std::size_t N>
+  int RegisterMember(char (&name)[N], CIXDR* member) {
+    return RegisterMember(VxString(name, std::find(name, name + N, '\0')), member);
   }
   int RegisterMember(const VxString& name, CIXDR* member);
   void ClearRegistration() { members_.clear(); }
@@ -107,8 +116,11 @@ class CXDRContainer : public CIXDR {
     void clear() {
       size_ = 0;
       overflow_.reset();
+      names_.reset();
     }
     void push_back(const MemberItem& item);
+    // Keeps a copy of `name` until the next clear; the copy's address is stable.
+    const char* KeepName(const VxString& name);
     const MemberItem& operator[](std::size_t i) const {
       return i < kInline ? inline_[i] : overflow_->at(i - kInline);
     }
@@ -117,6 +129,9 @@ class CXDRContainer : public CIXDR {
     MemberItem inline_[kInline];
     std::uint32_t size_ = 0;
     std::unique_ptr<std::vector<MemberItem>> overflow_;
+    // Copies of the names that are not literals; a deque never moves its
+    // elements, and records named by literals alone never allocate it.
+    std::unique_ptr<std::deque<VxString>> names_;
   };
 
   int AddMember(const char* name, CIXDR* member);

@@ -126,12 +126,17 @@ int CXDRStream::readInputBuffer(int wanted, bool quick) {
   return available_;
 }
 
-int CXDRStream::getBytesFromSocket(int count, unsigned char* destination) {
+int CXDRStream::getBytesFromSocket(int count, unsigned char* destination,
+                                   std::uint32_t following, int* obtained) {
   int remaining = count;
   do {
     int r = readInputBuffer(remaining, false);
     if (r == -1) {
-      log_.error("%ls Failed to obtain %d bytes", kGetBytesLabel, remaining);
+      // The count is what the whole value still lacks, as a single read of
+      // it would report (wrapping like that read's int count).
+      log_.error("%ls Failed to obtain %d bytes", kGetBytesLabel,
+                 static_cast<int>(static_cast<std::uint32_t>(remaining) + following));
+      if (obtained != nullptr) *obtained = count - remaining;
       return XDR_FAILURE;
     }
     int n = std::min(r, remaining);

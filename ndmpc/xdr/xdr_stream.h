@@ -53,7 +53,19 @@ class CXDRStream {
       available_ -= count;
       return count;
     }
-    return getBytesFromSocket(count, destination);
+    return getBytesFromSocket(count, destination, 0, nullptr);
+  }
+  // Reads one piece of a longer value, as getBytes does. `following` is the
+  // number of bytes of the same value after this piece: a failure logs them
+  // as missing too, so the count is that of the whole value. `*obtained`
+  // receives the bytes copied before a failure (count on success).
+  int getPiece(int count, unsigned char* destination, std::uint32_t following, int* obtained) {
+    *obtained = 0;
+    int r = count > 0 && available_ >= count
+                ? getBytes(count, destination)
+                : getBytesFromSocket(count, destination, following, obtained);
+    if (r != XDR_FAILURE) *obtained = count;
+    return r;
   }
   // Buffers `count` bytes, writing full fragments as needed: count, or XDR_FAILURE.
   int putBytes(int count, const unsigned char* source);
@@ -72,7 +84,8 @@ class CXDRStream {
 
  private:
   int readInputBuffer(int wanted, bool quick);
-  int getBytesFromSocket(int count, unsigned char* destination);
+  int getBytesFromSocket(int count, unsigned char* destination, std::uint32_t following,
+                         int* obtained);
   int writeOutputBuffer(bool last);
   int Buffered() const { return static_cast<int>(outputCursor_ - outputBuffer_); }
   void EndOfData(const wchar_t* label, bool reset);

@@ -71,7 +71,8 @@ int PutPadded(CXDRStream& stream, const unsigned char* data, std::uint64_t n) {
 constexpr std::uint32_t kChunk = 4096;
 
 // Reads n bytes into `out` in chunks. XDR_FAILURE when the stream fails;
-// `out` then holds what was read.
+// `out` then holds every byte the read delivered, the last partial piece
+// included, and the stream's log counts the bytes missing from all n.
 template <class Bytes>
 int GetChunked(CXDRStream& stream, std::uint32_t n, Bytes& out) {
   out.clear();
@@ -79,9 +80,11 @@ int GetChunked(CXDRStream& stream, std::uint32_t n, Bytes& out) {
   while (done < n) {
     std::uint32_t piece = std::min(n - done, kChunk);
     out.resize(done + piece);
-    if (stream.getBytes(static_cast<int>(piece),
-                        reinterpret_cast<unsigned char*>(&out[0]) + done) == XDR_FAILURE) {
-      out.resize(done);
+    int obtained = 0;
+    if (stream.getPiece(static_cast<int>(piece),
+                        reinterpret_cast<unsigned char*>(&out[0]) + done, n - done - piece,
+                        &obtained) == XDR_FAILURE) {
+      out.resize(done + static_cast<std::uint32_t>(obtained));
       return XDR_FAILURE;
     }
     done += piece;
@@ -182,8 +185,9 @@ int CXDROpaque::DeSerialize(CXDRStream& stream) {
 }
 
 unsigned int CXDROpaque::SerializeSize() {
-  // A fixed-length value always writes exactly its fixed size.
-  std::uint64_t n = fixed_ ? fixedSize_ : 4 + data_.size();
+  // Follows the data length even for a fixed-length value, whose Serialize
+  // writes the fixed size: the size reported is deliberately that of the data.
+  std::uint64_t n = (fixed_ ? 0 : 4) + data_.size();
   return static_cast<unsigned int>(n + Padding(n));
 }
 

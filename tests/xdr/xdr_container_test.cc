@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <memory>
 #include <string>
 
@@ -314,6 +315,46 @@ TEST(XdrContainer, RecordsInAnArraySurviveItsGrowth) {
   std::vector<unsigned char> bytes = EncodeValue(array);
   ASSERT_EQ(bytes.size(), 4u + 40u * 8u);
   for (unsigned int i = 0; i < 40; ++i) EXPECT_EQ(bytes[4 + i * 8 + 3], i);
+}
+
+}  // namespace
+}  // namespace com::vx::korvane::ndmpc
+
+namespace com::vx::korvane::ndmpc {
+namespace {
+
+// Names built at run time, in a buffer that is gone once registration ends
+// and in a temporary string.
+class CBuiltNamesRecord : public CXDRContainer {
+ public:
+  CXDRULong First{1u};
+  CXDRULong Second{2u};
+
+ protected:
+  int RegisterMembers() override {
+    char name[16];
+    std::snprintf(name, sizeof(name), "field%d", 1);
+    RegisterMember(name, &First);
+    RegisterMember(VxString("field") + std::to_string(2), &Second);
+    return 0;
+  }
+};
+
+// Overwrites the stack where the registration's buffer was.
+[[gnu::noinline]] void ScribbleStack() {
+  volatile char junk[1024];
+  for (auto& c : junk) c = 'x';
+}
+
+TEST(XdrContainer, NamesBuiltAtRunTimeOutliveTheirBuffers) {
+  CBuiltNamesRecord record;
+  for (unsigned int version : {3u, 4u, 3u}) {
+    record.SetProtocolVersion(CXDREnumBase<CNDMPProtocolVersion>(version));
+    ScribbleStack();
+    EXPECT_EQ(record.DumpContents(0), "\nfield1 = 1\nfield2 = 2");
+  }
+  CBuiltNamesRecord copy(record);
+  EXPECT_EQ(copy.DumpContents(0), "\nfield1 = 1\nfield2 = 2");
 }
 
 }  // namespace

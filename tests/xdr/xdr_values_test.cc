@@ -274,3 +274,42 @@ TEST(XdrValues, HugeDeclaredLengthFailsWithoutAllocatingIt) {
 
 }  // namespace
 }  // namespace com::vx::korvane::ndmpc
+
+namespace com::vx::korvane::ndmpc {
+namespace {
+
+TEST(XdrValues, OpaqueSizeFollowsTheDataLength) {
+  const unsigned char ten[10] = {};
+  CXDROpaque fixed(6u);
+  fixed.SetData(ten, sizeof(ten));
+  EXPECT_EQ(fixed.SerializeSize(), 12u);
+  CXDROpaque variable;
+  variable.SetData(ten, sizeof(ten));
+  EXPECT_EQ(variable.SerializeSize(), 16u);
+}
+
+// A 10,000-byte value whose record is cut off after 5,000 bytes: the first
+// 4096-byte chunk is delivered (its first 4 bytes are the length word), the
+// second never completes.
+TEST(XdrValues, CutOffValueKeepsWhatWasDeliveredAndLogsTheWholeShortfall) {
+  std::vector<unsigned char> data(5000);
+  for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<unsigned char>(i * 7);
+  const auto raw = Concat({testing::FragmentHeader(10004, true), Bytes({0, 0, 0x27, 0x10}), data});
+  const std::string expectedLog = "CXDRStream::getBytes Failed to obtain 5908 bytes";
+
+  testing::CCapturingLog opaqueLog;
+  CXDROpaque opaque;
+  testing::DecodeValueRaw(raw, opaque, &opaqueLog);
+  ASSERT_EQ(opaque.GetSize(), 4092u);
+  EXPECT_EQ(std::memcmp(opaque.GetData(), data.data(), 4092), 0);
+  EXPECT_EQ(opaqueLog.Count(expectedLog), 1);
+
+  testing::CCapturingLog stringLog;
+  CXDRString text("old");
+  EXPECT_EQ(testing::DecodeValueRaw(raw, text, &stringLog), XDR_FAILURE);
+  EXPECT_EQ(text.GetString(), "");
+  EXPECT_EQ(stringLog.Count(expectedLog), 1);
+}
+
+}  // namespace
+}  // namespace com::vx::korvane::ndmpc

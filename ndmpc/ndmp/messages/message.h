@@ -13,9 +13,10 @@
 //     int RegisterMembers() override { ... }
 //   };
 //
-// The code, the type and Clone are not for ordinary callers: the packet and
-// the connection reach them (and tools and tests through
-// CNDMPMessageAccess, message_access.h).
+// The code, the type and Clone are not for ordinary callers: the packet, its
+// factory and the connection reach them through friendship, and the
+// library's own tools and tests through CNDMPMessageAccess
+// (message_access.h, which is not installed).
 #pragma once
 
 #include <cstdint>
@@ -39,12 +40,15 @@ class CNDMPMessage : public CXDRContainer {
  protected:
   // The message's one fixed code; a request and its reply share it.
   virtual CXDREnumBase<enums::CNDMPMessageCode> GetMessageCode() const = 0;
-  // A new copy of the object's own class, owned by the caller.
-  virtual CNDMPMessage* Clone() const = 0;
+  // A new copy of the object's own class, owned by the caller. Each concrete
+  // class hides this with a Clone that returns a pointer to its own class.
+  CNDMPMessage* Clone() const { return CloneMessage(); }
 
  private:
   // Fixed by the direction base: request (posts included) or reply.
   virtual CXDREnumBase<enums::CNDMPMessageType> GetMessageType() const = 0;
+  // The copy behind Clone, supplied by CNDMPMessageImpl.
+  virtual CNDMPMessage* CloneMessage() const = 0;
 
   friend class CNDMPMessagePacket;
   friend class CNDMPConnection;
@@ -108,9 +112,12 @@ class CNDMPMessageImpl : public Base {
   CXDREnumBase<enums::CNDMPMessageCode> GetMessageCode() const override {
     return CXDREnumBase<enums::CNDMPMessageCode>(Code);
   }
-  CNDMPMessage* Clone() const override {
-    return new Derived(static_cast<const Derived&>(*this));
-  }
+  // Covariant through hiding: a virtual override cannot name Derived in its
+  // return type while Derived is still incomplete.
+  Derived* Clone() const { return new Derived(static_cast<const Derived&>(*this)); }
+
+ private:
+  CNDMPMessage* CloneMessage() const override { return Clone(); }
 };
 
 }  // namespace com::vx::korvane::ndmpc

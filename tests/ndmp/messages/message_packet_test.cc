@@ -361,3 +361,18 @@ TEST(MessagePacket, SetMessageTwiceReplacesTheClone) {
 
 }  // namespace
 }  // namespace com::vx::korvane::ndmpc
+
+namespace com::vx::korvane::ndmpc {
+namespace {
+
+// Clone is reachable from a derived class only; there it returns the
+// class's own type.
+struct CCloneProbe : CNDMPTapeOpenRequest {
+  using CNDMPTapeOpenRequest::Clone;
+};
+static_assert(std::is_same_v<decltype(std::declval<const CCloneProbe&>().Clone()),
+                             CNDMPTapeOpenRequest*>,
+              "Clone returns the concrete class");
+
+}  // namespace
+}  // namespace com::vx::korvane::ndmpc
