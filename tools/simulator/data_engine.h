@@ -94,4 +94,14 @@ struct CSimRecoverJob {
 // the tree under the item's destination.
 CSimHaltReason RunRecover(CSimRecoverJob& job);
 
+// File history waiting to be handed on in batches (used by both directions).
+struct CSimHistoryBuffer {
+  using Sink = std::function<void(const std::vector<CSimFileEntry>&)>;
+  std::vector<CSimFileEntry> files, dirs, nodes;
+  // Hands each list holding `batch` entries or more (any entries when `all`) to its sink, then
+  // empties it.
+  void Send(std::size_t batch, bool all, const Sink& filesSink, const Sink& dirsSink,
+            const Sink& nodesSink);
+};
+
 }  // namespace com::vx::korvane::ndmpc::tools
