@@ -724,8 +724,14 @@ TEST(SimAgents, DroppedDataConnectionsHaltTheAgents) {
 TEST(SimAgents, RequestsInTheWrongStateAreRefused) {
   CTempDir root;
   MakeTree(root.Path());
+  WriteRandomFile(root.File("plain-file"), 10, 1);
   CSimFixture sim(DataConfig(root.Path()));
   CAgents agents(sim.Port());
+  CNDMPConfigGetFsInfoRequest fsInfo;
+  auto fs = agents.Get<CNDMPConfigGetFsInfoReply>(fsInfo);  // the data root's directories
+  ASSERT_TRUE(fs && fs->FsInfoArray.size() == 1);
+  EXPECT_EQ(fs->FsInfoArray[0].LogDeviceName.GetString(), "/src");
+  EXPECT_GT(fs->FsInfoArray[0].TotalSize.getUint64(), 0u);
   auto backup = [](const char* type, const char* fileSystem) {
     auto start = std::make_shared<CNDMPDataStartBackupRequest>();
     start->BUTypeName = type;

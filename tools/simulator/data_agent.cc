@@ -236,8 +236,7 @@ void CSimDataAgent::StartBackup(CSimRequest& request) {
   const bool history = hist == "y" || hist == "Y" || hist == "yes";
   Set(env, "HIST", history ? "y" : "n");
   Set(env, "TYPE", type);
-  Launch(DataOp::NDMP_DATA_OP_BACKUP, env, [this, hostRoot, history, type, fileSystem] {
-    Log(0, "backup of " + fileSystem + " (" + type + ") started");
+  Launch(DataOp::NDMP_DATA_OP_BACKUP, env, [this, hostRoot, history, type] {
     CSimBackupJob job;
     job.hostRoot = hostRoot;
     job.history = history;
@@ -305,8 +304,6 @@ void CSimDataAgent::Recover(CSimRequest& request, bool historyOnly) {
   const unsigned int operation =
       historyOnly ? DataOp::NDMP_DATA_OP_RECOVER_FILEHIST : DataOp::NDMP_DATA_OP_RECOVER;
   Launch(operation, env, [this, items, historyOnly, type] {
-    Log(0, std::string(historyOnly ? "file history recovery" : "recovery") + " of " +
-               std::to_string(items.size()) + " item(s) started");
     CSimRecoverJob job;
     job.items = items;
     job.historyOnly = historyOnly;
