@@ -379,7 +379,8 @@ class CPosts : public CINDMPCallback {
     ++count[packet.GetHeader().MessageCode.getInt32()];
     if (auto* halt = dynamic_cast<CNDMPNotifyDataHaltedPost*>(body)) dataHalt = halt->Reason;
     if (auto* halt = dynamic_cast<CNDMPNotifyMoverHaltedPost*>(body)) moverHalt = halt->Reason;
-    if (auto* pause = dynamic_cast<CNDMPNotifyMoverPausedPost*>(body)) pauses.push_back(pause->Reason);
+    if (auto* pause = dynamic_cast<CNDMPNotifyMoverPausedPost*>(body))
+      pauses.push_back(pause->Reason);
     if (auto* read = dynamic_cast<CNDMPNotifyDataReadPost*>(body)) {
       reads.emplace_back(read->Offset.getUint64(), read->Length.getUint64());
     }
@@ -390,7 +391,8 @@ class CPosts : public CINDMPCallback {
     }
     if (auto* nodes = dynamic_cast<CNDMPFhAddNodePost*>(body)) nodeCount += nodes->Nodes.size();
     if (auto* dirs = dynamic_cast<CNDMPFhAddDirPost*>(body)) {
-      for (auto& dir : dirs->Directories) dirNames.push_back(dir.DirNameList[0].UnixFileName.GetString());
+      for (auto& dir : dirs->Directories)
+        dirNames.push_back(dir.DirNameList[0].UnixFileName.GetString());
     }
     changed_.notify_all();
     return 0;
@@ -467,7 +469,8 @@ class CAgents {
     CNDMPDataConnectRequest connect;
     connect.Address.AddressType = Addr::NDMP_ADDR_LOCAL;
     for (CNDMPMessage* request : std::vector<CNDMPMessage*>{&size, &window, &listen, &connect}) {
-      ASSERT_EQ(client_.Ask(*request), CNDMPError::NDMP_NO_ERR) << CNDMPMessageAccess::Code(*request).ToString();
+      ASSERT_EQ(client_.Ask(*request), CNDMPError::NDMP_NO_ERR)
+          << CNDMPMessageAccess::Code(*request).ToString();
     }
   }
   unsigned int Backup(const std::string& type, const std::string& fileSystem) {
@@ -536,7 +539,8 @@ std::map<std::string, std::string> MakeTree(const std::string& root) {
   const std::pair<const char*, std::size_t> sizes[] = {
       {"/a.txt", 1000}, {"/empty", 0}, {"/dir/b.bin", 300000}, {"/dir/sub with space/c", 5000}};
   unsigned int seed = 1;
-  for (const auto& [name, size] : sizes) files[name] = WriteRandomFile(root + "/src" + name, size, seed++);
+  for (const auto& [name, size] : sizes)
+    files[name] = WriteRandomFile(root + "/src" + name, size, seed++);
   return files;
 }
 
@@ -598,13 +602,16 @@ TEST(SimAgents, TwoWayBackupAndRestoreThroughOneSession) {
     ASSERT_EQ(agents.Rewind(), CNDMPError::NDMP_NO_ERR);
     agents.Join(MoverMode::NDMP_MOVER_MODE_WRITE);
     EXPECT_EQ(agents.Restore("/", "/copy", kAll), DataHalt::NDMP_DATA_HALT_SUCCESSFUL);
-    for (const auto& [name, data] : files) EXPECT_EQ(ReadFile(root.Path() + "/copy" + name), data) << name;
+    for (const auto& [name, data] : files)
+      EXPECT_EQ(ReadFile(root.Path() + "/copy" + name), data) << name;
     agents.Idle();
     if (c.version == 3) {
       ASSERT_EQ(agents.Rewind(), CNDMPError::NDMP_NO_ERR);
       agents.Join(MoverMode::NDMP_MOVER_MODE_WRITE);
-      const std::uint64_t fh = agents.posts.With([&] { return agents.posts.fhInfo.at("/dir/sub with space/c"); });
-      EXPECT_EQ(agents.Restore("/dir/sub with space/c", "/one", fh), DataHalt::NDMP_DATA_HALT_SUCCESSFUL);
+      const std::uint64_t fh =
+          agents.posts.With([&] { return agents.posts.fhInfo.at("/dir/sub with space/c"); });
+      EXPECT_EQ(agents.Restore("/dir/sub with space/c", "/one", fh),
+                DataHalt::NDMP_DATA_HALT_SUCCESSFUL);
       EXPECT_EQ(ReadFile(root.Path() + "/one"), files.at("/dir/sub with space/c"));
       EXPECT_GT(agents.posts.With([&] { return agents.posts.reads.at(0).first; }), 0u);
       agents.Idle();
@@ -686,7 +693,8 @@ TEST(SimAgents, DroppedDataConnectionsHaltTheAgents) {
   sockaddr_in peer{};
   peer.sin_family = AF_INET;
   peer.sin_addr.s_addr = htonl(address->Address.TcpAddressList[0].IPAddress.getInt32());
-  peer.sin_port = htons(static_cast<std::uint16_t>(address->Address.TcpAddressList[0].Port.getInt32()));
+  peer.sin_port =
+      htons(static_cast<std::uint16_t>(address->Address.TcpAddressList[0].Port.getInt32()));
   int fd = ::socket(AF_INET, SOCK_STREAM, 0);
   ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&peer), sizeof(peer)), 0);
   std::string bytes(10000, 'x');

@@ -71,16 +71,13 @@ class CSimDataAgent {
   unsigned int operation_ = 0;
   unsigned int haltReason_ = 0;
   CEnv env_;
-  bool tcp_ = false;
-  std::uint32_t ip_ = 0;
-  std::uint16_t port_ = 0;
   std::uint64_t readOffset_ = 0;
   std::uint64_t readLength_ = 0;
 
   std::atomic<bool> abort_{false};
   std::atomic<std::uint64_t> bytes_{0};
   std::atomic<unsigned int> messageId_{0};
-  std::unique_ptr<CSimDataStream> stream_;
+  CSimEndpoint endpoint_;  // replaced only while no worker runs
   std::thread worker_;
 };
 

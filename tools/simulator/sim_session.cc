@@ -110,10 +110,7 @@ CSimSession::CSimSession(CNDMPSimServer& server, std::unique_ptr<VxTcpSocket> so
       log_(server.Log()),
       id_(id),
       socket_(std::move(socket)),
-      context_{server,
-               server.Log(),
-               id,
-               LocalAddress(*socket_, server.Config().listenAddress),
+      context_{server, server.Log(), id, LocalAddress(*socket_, server.Config().listenAddress),
                [this](CNDMPMessage& post) { connection_->SendMessage(post, 0); }} {
   std::random_device seed;
   random_.seed((static_cast<std::uint64_t>(seed()) << 32) ^ seed() ^ id);
