@@ -214,12 +214,7 @@ void CSimDataAgent::StartBackup(CSimRequest& request) {
     job.write = [this](const void* data, std::size_t length) {
       return endpoint_.stream->WriteAll(data, length);
     };
-    job.files = [this](const std::vector<CSimFileEntry>& e) { PostFiles(e); };
-    job.dirs = [this](const std::vector<CSimFileEntry>& e) { PostDirs(e); };
-    job.nodes = [this](const std::vector<CSimFileEntry>& e) { PostNodes(e); };
-    job.log = [this](int level, const std::string& text) { Log(level, text); };
-    job.abort = &abort_;
-    job.bytes = &bytes_;
+    Wire(job);
     return RunBackup(job);
   });
   request.Reply(reply);
@@ -294,15 +289,20 @@ void CSimDataAgent::Recover(CSimRequest& request, bool historyOnly) {
     job.read = [this](void* buffer, std::size_t length) {
       return endpoint_.stream->Read(buffer, length);
     };
-    job.files = [this](const std::vector<CSimFileEntry>& e) { PostFiles(e); };
-    job.dirs = [this](const std::vector<CSimFileEntry>& e) { PostDirs(e); };
-    job.nodes = [this](const std::vector<CSimFileEntry>& e) { PostNodes(e); };
-    job.log = [this](int level, const std::string& text) { Log(level, text); };
-    job.abort = &abort_;
-    job.bytes = &bytes_;
+    Wire(job);
     return RunRecover(job);
   });
   request.Reply(reply);
+}
+
+template <class Job>
+void CSimDataAgent::Wire(Job& job) {
+  job.files = [this](const std::vector<CSimFileEntry>& e) { PostFiles(e); };
+  job.dirs = [this](const std::vector<CSimFileEntry>& e) { PostDirs(e); };
+  job.nodes = [this](const std::vector<CSimFileEntry>& e) { PostNodes(e); };
+  job.log = [this](int level, const std::string& text) { Log(level, text); };
+  job.abort = &abort_;
+  job.bytes = &bytes_;
 }
 
 void CSimDataAgent::Launch(unsigned int operation, CEnv env, std::function<CSimHaltReason()> run) {

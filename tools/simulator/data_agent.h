@@ -54,6 +54,9 @@ class CSimDataAgent {
   void Recover(CSimRequest& request, bool historyOnly);
   // NDMP_NO_ERR when a start may go ahead in the current state.
   unsigned int CanStart();
+  // History, log, abort flag and byte count of an engine job, to this agent.
+  template <class Job>
+  void Wire(Job& job);
   void Launch(unsigned int operation, CEnv env, std::function<CSimHaltReason()> run);
   void Finish(CSimHaltReason reason);
   void Log(int level, const std::string& text);
