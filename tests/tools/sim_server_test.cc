@@ -731,6 +731,10 @@ TEST(SimAgents, RequestsInTheWrongStateAreRefused) {
   ASSERT_TRUE(fs && fs->FsInfoArray.size() == 1);
   EXPECT_EQ(fs->FsInfoArray[0].LogDeviceName.GetString(), "/src");
   EXPECT_GT(fs->FsInfoArray[0].TotalSize.getUint64(), 0u);
+  CNDMPConfigGetButypeAttrRequest butypes;
+  auto types = agents.Get<CNDMPConfigGetButypeAttrReply>(butypes);
+  ASSERT_TRUE(types && types->BackupTypeInfo.size() == 2);
+  EXPECT_EQ(types->BackupTypeInfo[1].BackupTypeName.GetString(), "dump");
   auto backup = [](const char* type, const char* fileSystem) {
     auto start = std::make_shared<CNDMPDataStartBackupRequest>();
     start->BUTypeName = type;
