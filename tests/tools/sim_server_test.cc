@@ -456,21 +456,35 @@ class CAgents {
     unsigned int resid = 0;
     return CNDMPTapeHelper::TapeMTIO(client_.get(), Op::NDMP_MTIO_REW, 1, &resid).getInt32();
   }
-  // Record size, window, a local mover listen in `mode`, and the data agent connected to it.
-  void Join(unsigned int mode) {
+  // Record size, window, and the mover and the data agent joined: the mover
+  // listens locally and the data agent connects, or (`overTcp`) the data agent
+  // listens on TCP and the mover connects.
+  void Join(unsigned int mode, bool overTcp = false) {
     CNDMPMoverSetRecordSizeRequest size;
     size.RecordLength = kRecord;
     CNDMPMoverSetWindowRequest window;
     window.Length = CNDMPUQuad(kAll);
+    for (CNDMPMessage* request : std::vector<CNDMPMessage*>{&size, &window}) {
+      ASSERT_EQ(client_.Ask(*request), CNDMPError::NDMP_NO_ERR);
+    }
+    if (overTcp) {
+      CNDMPDataListenRequest listen;
+      listen.AddressType = Addr::NDMP_ADDR_TCP;
+      auto address = Get<CNDMPDataListenReply>(listen);
+      ASSERT_TRUE(address && address->Error == CNDMPError::NDMP_NO_ERR);
+      CNDMPMoverConnectRequest connect;
+      connect.Mode = CXDREnumBase<MoverMode>(mode);
+      connect.Address = address->DataConnAddress;
+      ASSERT_EQ(client_.Ask(connect), CNDMPError::NDMP_NO_ERR);
+      return;
+    }
     CNDMPMoverListenRequest listen;
     listen.Mode = CXDREnumBase<MoverMode>(mode);
     listen.AddressType = Addr::NDMP_ADDR_LOCAL;
     CNDMPDataConnectRequest connect;
     connect.Address.AddressType = Addr::NDMP_ADDR_LOCAL;
-    for (CNDMPMessage* request : std::vector<CNDMPMessage*>{&size, &window, &listen, &connect}) {
-      ASSERT_EQ(client_.Ask(*request), CNDMPError::NDMP_NO_ERR)
-          << CNDMPMessageAccess::Code(*request).ToString();
-    }
+    ASSERT_EQ(client_.Ask(listen), CNDMPError::NDMP_NO_ERR);
+    ASSERT_EQ(client_.Ask(connect), CNDMPError::NDMP_NO_ERR);
   }
   unsigned int Backup(const std::string& type, const std::string& fileSystem) {
     CNDMPDataStartBackupRequest start;
@@ -562,7 +576,7 @@ TEST(SimAgents, TwoWayBackupAndRestoreThroughOneSession) {
     CSimFixture sim(DataConfig(root.Path()));
     CAgents agents(sim.Port(), c.version);
     ASSERT_EQ(agents.OpenTape("t"), CNDMPError::NDMP_NO_ERR);
-    agents.Join(MoverMode::NDMP_MOVER_MODE_READ);
+    agents.Join(MoverMode::NDMP_MOVER_MODE_READ, c.version == 4);
     ASSERT_EQ(agents.Backup(c.type, "/src"), CNDMPError::NDMP_NO_ERR);
     ASSERT_TRUE(agents.Halted());
     EXPECT_EQ(agents.posts.dataHalt, DataHalt::NDMP_DATA_HALT_SUCCESSFUL);
@@ -599,7 +613,7 @@ TEST(SimAgents, TwoWayBackupAndRestoreThroughOneSession) {
 
     // The whole image to /copy, then one file by its history offset.
     ASSERT_EQ(agents.Rewind(), CNDMPError::NDMP_NO_ERR);
-    agents.Join(MoverMode::NDMP_MOVER_MODE_WRITE);
+    agents.Join(MoverMode::NDMP_MOVER_MODE_WRITE, c.version == 4);
     EXPECT_EQ(agents.Restore("/", "/copy", kAll), DataHalt::NDMP_DATA_HALT_SUCCESSFUL);
     for (const auto& [name, data] : files)
       EXPECT_EQ(ReadFile(root.Path() + "/copy" + name), data) << name;
