@@ -233,13 +233,17 @@ TEST(NdmpcWatch, PrintsTheConnectionStatusNotification) {
 TEST(NdmpcServe, ServesUntilInterrupted) {
   CTempDir tapes;
   CBackgroundNdmpc serve({"serve", "-p", "0", "--tape-dir", tapes.Path(), "--user", "u",
-                          "--password", "p", "--versions", "3"});
+                          "--password", "p", "--versions", "3", "--tape-capacity", "5M",
+                          "--data-root", tapes.Path()});
   ASSERT_TRUE(serve.WaitFor("Ctrl-C to stop.", 30)) << serve.Output();
   const std::string marker = "listening on 127.0.0.1:";
   const std::size_t at = serve.Output().find(marker);
   ASSERT_NE(at, std::string::npos) << serve.Output();
   const std::string port = std::to_string(std::stoul(serve.Output().substr(at + marker.size())));
   EXPECT_TRUE(Contains(serve.Output(), "tapes in " + tapes.Path() + ": tape0")) << serve.Output();
+  EXPECT_TRUE(Contains(serve.Output(), "tape capacity 5.0 MiB\n  data agent: tar and dump of " +
+                                           tapes.Path()))
+      << serve.Output();
   CRunResult r = RunNdmpc({"-p", port, "-u", "u", "--password", "p", "--json", "info"});
   ASSERT_EQ(r.status, 0) << r.err;
   CJson json;

@@ -54,6 +54,7 @@ bool MakeServerConfig(const COptions& options, CSimServerConfig* config, std::st
   config->password = options.password;
   config->maxRecordSize = options.maxRecord;
   config->tapeCapacity = options.capacity;
+  config->dataRoot = options.dataRoot;
   std::vector<std::string> methods = SplitList(!options.auth.empty()  ? options.auth
                                                : options.user.empty() ? "none"
                                                                       : "md5,text");
@@ -226,11 +227,14 @@ int CommandServe(CCommandContext& context) {
                "  SCSI changer: %s\n"
                "  authentication: %s\n"
                "  NDMP versions: %s; largest record %s; tape capacity %s\n"
+               "  data agent: %s\n"
                "Ctrl-C to stop.\n",
                config.listenAddress.c_str(), server.Port(), config.tapeDir.c_str(),
                tapes.empty() ? "none" : tapes.c_str(), config.changerName.c_str(),
                AuthText(config).c_str(), versions.c_str(), HumanBytes(config.maxRecordSize).c_str(),
-               HumanBytes(config.tapeCapacity).c_str());
+               HumanBytes(config.tapeCapacity).c_str(),
+               config.dataRoot.empty() ? "no data root (no backups or restores)"
+                                       : ("tar and dump of " + config.dataRoot).c_str());
   std::fflush(context.out);
   while (!InterruptRequested()) VxThread::sleep(100);
   std::fprintf(context.out, "Stopping...\n");
