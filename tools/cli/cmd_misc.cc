@@ -349,7 +349,7 @@ int RunCommand(CCommandContext& context) {
       {"info", &CommandInfo},         {"tape", &CommandTape},       {"scsi", &CommandScsi},
       {"mover", &CommandAgentState},  {"data", &CommandAgentState}, {"send", &CommandSend},
       {"messages", &CommandMessages}, {"watch", &CommandWatch},     {"serve", &CommandServe},
-      {"demo", &CommandDemo},
+      {"demo", &CommandDemo},         {"backup", &CommandBackup},   {"restore", &CommandRestore},
   };
   for (const CCommandRow& row : kCommands) {
     if (command == row.name) return row.run(context);

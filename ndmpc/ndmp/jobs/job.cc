@@ -120,8 +120,15 @@ std::string CNDMPJob::AgentName(bool dataAgent) const {
   return std::string(dataAgent ? "data agent" : "tape agent") + " (" + c->GetHostName() + ")";
 }
 
+void CNDMPJob::Refused(const CXDREnumBase<CNDMPError>& error) {
+  if (result_.error.empty() && !dataLost_ && !tapeLost_) result_.refusal = error.getInt32();
+}
+
 void CNDMPJob::Fail(const std::string& text) {
-  if (result_.error.empty()) result_.error = text;
+  if (result_.error.empty()) {
+    result_.error = text;
+    result_.agentLost = dataLost_ || tapeLost_;
+  }
   if (result_.outcome != CNDMPJobOutcome::kAborted) result_.outcome = CNDMPJobOutcome::kFailed;
 }
 
@@ -200,6 +207,7 @@ bool CNDMPJob::OpenTape(const std::string& device) {
                       : enums::CNDMPEnumTapeOpenMode::NDMP_TAPE_READ_MODE;
   CXDREnumBase<CNDMPError> err = Ask(false, open);
   if (err != CNDMPError::NDMP_NO_ERR) {
+    Refused(err);
     Fail(AgentName(false) + ": cannot open tape " + device + ": " + err.ToString());
     return false;
   }
@@ -215,6 +223,7 @@ bool CNDMPJob::Prepare() {
                      CNDMPMessage** reply = nullptr) {
     CXDREnumBase<CNDMPError> err = Ask(dataAgent, request, reply);
     if (err == CNDMPError::NDMP_NO_ERR) return true;
+    Refused(err);
     Fail(AgentName(dataAgent) + ": " + what + " refused: " + err.ToString());
     return false;
   };
@@ -252,6 +261,7 @@ bool CNDMPJob::Prepare() {
   if (abort_) return false;
   CXDREnumBase<CNDMPError> err = StartData();
   if (err != CNDMPError::NDMP_NO_ERR) {
+    Refused(err);
     Fail(AgentName(true) + ": " + (backup_ ? "NDMP_DATA_START_BACKUP" : "NDMP_DATA_START_RECOVER") +
          " refused: " + err.ToString());
     return false;
@@ -441,11 +451,13 @@ void CNDMPJob::Finish(bool abortAgents) {
   }
   // Bounded: an agent that does not report itself halted is stopped anyway.
   const Clock::time_point deadline = Clock::now() + kAbortWait;
+  // A data agent that never started has nothing to halt: an abort leaves it
+  // connected or idle, and the stop below resets it.
   auto settled = [this] {
-    return (!dataActive_ || dataHalted_ || dataLost_) && (!moverActive_ || moverHalted_ || tapeLost_);
+    return (!started_ || dataHalted_ || dataLost_) && (!moverActive_ || moverHalted_ || tapeLost_);
   };
   while (!settled() && Clock::now() < deadline) {
-    if (dataActive_ && !dataHalted_ && !dataLost_) PollData();
+    if (started_ && !dataHalted_ && !dataLost_) PollData();
     if (moverActive_ && !moverHalted_ && !tapeLost_) PollMover();
     if (!settled()) WaitForWake(std::chrono::milliseconds(settings_.pollMilliseconds));
   }

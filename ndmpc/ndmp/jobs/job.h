@@ -91,6 +91,8 @@ struct CNDMPRestoreItem {
 struct CNDMPJobResult {
   CNDMPJobOutcome outcome = CNDMPJobOutcome::kFailed;
   std::string error;  // what failed and on which agent; empty on success
+  unsigned int refusal = 0;  // the NDMP error of a refused request, else 0
+  bool agentLost = false;    // an agent's connection dropped or it stopped answering
   std::uint64_t bytes = 0;      // the data agent's bytes processed
   std::uint64_t tapeBytes = 0;  // the mover's bytes moved
   std::uint64_t historyEntries = 0;
@@ -134,7 +136,9 @@ class CNDMPJob {
   bool PollData();
   bool PollMover();
   bool ChangeTape();
+  // Records why the job failed; the first reason stays.
   void Fail(const std::string& text);
+  void Refused(const CXDREnumBase<enums::CNDMPError>& error);
   // One request to an agent with the job's bounded wait; marks the agent
   // unreachable when it does not answer. Returns the reply's first error.
   CXDREnumBase<enums::CNDMPError> Ask(bool dataAgent, CNDMPMessage& request,
