@@ -555,7 +555,9 @@ Example:
 
 Starts the simulated server on a free loopback port with a temporary tape
 directory, runs `info` against it, writes a file to a virtual tape, reads it
-back and compares the bytes, printing each step. Needs nothing else.
+back and compares the bytes, then backs up a small tree of the server's data
+directory to another tape, restores it elsewhere and compares the two trees,
+printing each step. Needs nothing else.
 )";
   }
   return nullptr;
