@@ -56,6 +56,7 @@ bool MakeServerConfig(const COptions& options, CSimServerConfig* config, std::st
   config->password = options.password;
   config->maxRecordSize = options.maxRecord;
   config->tapeCapacity = options.capacity;
+  config->dataRoot = options.dataRoot;
   std::vector<std::string> methods = SplitList(!options.auth.empty()  ? options.auth
                                                : options.user.empty() ? "none"
                                                                       : "md5,text");

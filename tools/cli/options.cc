@@ -28,6 +28,15 @@ bool SetUnsigned(const std::string& name, const std::string& text, std::uint64_t
   return true;
 }
 
+// --tape-capacity (and its older name --capacity).
+bool SetTapeCapacity(COptions& o, const std::string& v, std::string* e) {
+  if (!ParseSize(v, ~std::uint64_t{0}, &o.capacity) || o.capacity == 0) {
+    *e = "--tape-capacity needs a size in bytes (1G, 500M, ...), not '" + v + "'";
+    return false;
+  }
+  return true;
+}
+
 const std::vector<COptionDef>& Definitions() {
   static const std::vector<COptionDef> definitions = {
       {"host", 'H', true,
@@ -189,12 +198,11 @@ const std::vector<COptionDef>& Definitions() {
          o.maxRecord = static_cast<std::uint32_t>(size);
          return true;
        }},
-      {"capacity", 0, true,
-       [](COptions& o, const std::string& v, std::string* e) {
-         if (!ParseSize(v, ~std::uint64_t{0}, &o.capacity) || o.capacity == 0) {
-           *e = "--capacity needs a size in bytes (1G, 500M, ...), not '" + v + "'";
-           return false;
-         }
+      {"capacity", 0, true, SetTapeCapacity},
+      {"tape-capacity", 0, true, SetTapeCapacity},
+      {"data-root", 0, true,
+       [](COptions& o, const std::string& v, std::string*) {
+         o.dataRoot = v;
          return true;
        }},
   };
@@ -528,14 +536,17 @@ Examples:
   if (command == "serve") {
     return R"(Usage: ndmpc serve [--listen ADDR] [-p PORT] [--tape-dir DIR]
                    [--user USER --password PASS] [--auth md5,text,none]
-                   [--versions 3,4] [--max-record BYTES] [--capacity BYTES]
+                   [--versions 3,4] [--max-record BYTES] [--tape-capacity BYTES]
+                   [--data-root DIR]
 
 Runs the simulated NDMP server until Ctrl-C (or SIGTERM). It negotiates
 NDMP versions 3 and 4, authenticates, answers the config queries, keeps
 virtual tapes as files in the tape directory (a device name is a file name
 there; opening a new name for writing creates a blank tape), simulates one
-SCSI changer ("changer0") and idle data and mover agents. Everything else is
-answered with NDMP_NOT_SUPPORTED_ERR.
+SCSI changer ("changer0"), and runs a mover that streams a data connection
+to and from the open tape. With --data-root its data agent backs up ("tar",
+"dump") and restores the directories under DIR. Everything else is answered
+with NDMP_NOT_SUPPORTED_ERR.
 
   --listen ADDR       address to listen on (default 127.0.0.1; 0.0.0.0 for all)
   -p, --port PORT     port (default 10000; 0 picks a free one)
@@ -544,7 +555,9 @@ answered with NDMP_NOT_SUPPORTED_ERR.
   --auth LIST         accepted methods (default md5,text with --user, else none)
   --versions LIST     NDMP versions offered (default 3,4)
   --max-record BYTES  largest tape record (default 1M)
-  --capacity BYTES    capacity of each tape (default 1G)
+  --tape-capacity BYTES  capacity of tapes created from now on (default 1G;
+                      --capacity is the same)
+  --data-root DIR     the data agent's file system: FILESYSTEM /x/y is DIR/x/y
 
 Example:
   ndmpc serve -p 10000 --tape-dir /tmp/tapes --user ndmp --password secret

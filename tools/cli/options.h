@@ -62,6 +62,7 @@ struct COptions {
   std::string versions = "3,4";
   std::uint32_t maxRecord = 1024 * 1024;
   std::uint64_t capacity = 1ull << 30;
+  std::string dataRoot;
 };
 
 // Parses argv (argv[0] is skipped); false with `*error` on bad usage.

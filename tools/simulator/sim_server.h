@@ -2,9 +2,10 @@
 // command-line tool without a filer. It negotiates versions 3 and 4,
 // authenticates (MD5 challenge, text, none), answers the config queries
 // with configurable data, runs a tape agent over file-backed virtual tapes
-// (one file per tape in a directory), opens one simulated SCSI changer and
-// reports idle data and mover agents. Everything else is answered with
-// NDMP_NOT_SUPPORTED_ERR.
+// (one file per tape in a directory), opens one simulated SCSI changer, runs
+// a mover between a data connection and the open tape, and (with a data
+// root) a data agent that backs up and restores directories under it.
+// Everything else is answered with NDMP_NOT_SUPPORTED_ERR.
 //
 //   VxLog log;
 //   CSimServerConfig config;
@@ -60,7 +61,11 @@ struct CSimServerConfig {
   bool authMD5 = false;
   std::vector<unsigned int> versions{3, 4};
   std::uint32_t maxRecordSize = 1024 * 1024;
+  // Capacity of the virtual tapes created from now on.
   std::uint64_t tapeCapacity = 1ull << 30;
+  // The data agent's file system: FILESYSTEM "/x/y" is dataRoot/x/y. Empty:
+  // no backups or restores, and the file systems listed below are reported.
+  std::string dataRoot;
   unsigned int maxClients = 64;
 
   std::string hostName = "simfiler";

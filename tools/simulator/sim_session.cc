@@ -1,5 +1,7 @@
 #include "tools/simulator/sim_session.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -13,8 +15,11 @@
 #include "ndmpc/ndmp/messages/message_factory.h"
 #include "ndmpc/ndmp/messages/notify_log_fh_messages.h"
 #include "ndmpc/ndmp/messages/scsi_tape_messages.h"
+#include "tools/simulator/config_agent.h"
+#include "tools/simulator/data_agent.h"
+#include "tools/simulator/mover_agent.h"
 #include "tools/simulator/sim_server.h"
-#include "tools/simulator/virtual_tape.h"
+#include "tools/simulator/tape_agent.h"
 
 namespace com::vx::korvane::ndmpc::tools {
 
@@ -29,66 +34,101 @@ namespace {
 constexpr auto kGreetingIdleLimit = std::chrono::seconds(60);
 constexpr unsigned int kQueueWaitMs = 200;
 
-unsigned int TapeError(CVirtualTape::Status status) {
-  switch (status) {
-    case CVirtualTape::Status::kOk:
-      return CNDMPError::NDMP_NO_ERR;
-    case CVirtualTape::Status::kFilemark:
-      return CNDMPError::NDMP_EOF_ERR;
-    case CVirtualTape::Status::kEndOfData:
-    case CVirtualTape::Status::kBeginning:
-    case CVirtualTape::Status::kEndOfMedium:
-      return CNDMPError::NDMP_EOM_ERR;
-    case CVirtualTape::Status::kWriteProtected:
-      return CNDMPError::NDMP_WRITE_PROTECT_ERR;
-    case CVirtualTape::Status::kIoError:
-      break;
-  }
-  return CNDMPError::NDMP_IO_ERR;
+}  // namespace
+
+void CSimSession::BuildHandlerTable() {
+  using R = CSimRequest;
+  CSimConfigAgent& c = *config_;
+  CSimTapeAgent& t = *tape_;
+  CSimDataAgent& d = *data_;
+  CSimMoverAgent& m = *mover_;
+  handlers_ = {
+      {Code::NDMP_CONNECT_OPEN, [this](R& r) { ConnectOpen(r); }, true},
+      {Code::NDMP_CONNECT_CLIENT_AUTH, [this](R& r) { ConnectClientAuth(r); }, true},
+      {Code::NDMP_CONNECT_CLOSE, [this](R& r) { ConnectClose(r); }, true},
+      {Code::NDMP_CONFIG_GET_SERVER_INFO, [&c](R& r) { c.ConfigGetServerInfo(r); }, true},
+      {Code::NDMP_CONFIG_GET_AUTH_ATTR, [this](R& r) { ConfigGetAuthAttr(r); }, true},
+      {Code::NDMP_CONFIG_GET_HOST_INFO, [&c](R& r) { c.ConfigGetHostInfo(r); }, false},
+      {Code::NDMP_CONFIG_GET_CONNECTION_TYPE, [&c](R& r) { c.ConfigGetConnectionType(r); }, false},
+      {Code::NDMP_CONFIG_GET_BUTYPE_INFO, [&c](R& r) { c.ConfigGetButypeInfo(r); }, false},
+      {Code::NDMP_CONFIG_GET_FS_INFO, [&c](R& r) { c.ConfigGetFsInfo(r); }, false},
+      {Code::NDMP_CONFIG_GET_TAPE_INFO, [&c](R& r) { c.ConfigGetTapeInfo(r); }, false},
+      {Code::NDMP_CONFIG_GET_SCSI_INFO, [&c](R& r) { c.ConfigGetScsiInfo(r); }, false},
+      {Code::NDMP_CONFIG_GET_EXT_LIST, [&c](R& r) { c.ConfigGetExtList(r); }, false},
+      {Code::NDMP_CONFIG_SET_EXT_LIST, [&c](R& r) { c.ConfigSetExtList(r); }, false},
+      {Code::NDMP_SCSI_OPEN, [&t](R& r) { t.ScsiOpen(r); }, false},
+      {Code::NDMP_SCSI_CLOSE, [&t](R& r) { t.ScsiClose(r); }, false},
+      {Code::NDMP_SCSI_GET_STATE, [&t](R& r) { t.ScsiGetState(r); }, false},
+      {Code::NDMP_TAPE_OPEN, [&t](R& r) { t.TapeOpen(r); }, false},
+      {Code::NDMP_TAPE_CLOSE, [&t](R& r) { t.TapeClose(r); }, false},
+      {Code::NDMP_TAPE_GET_STATE, [&t](R& r) { t.TapeGetState(r); }, false},
+      {Code::NDMP_TAPE_MTIO, [&t](R& r) { t.TapeMtio(r); }, false},
+      {Code::NDMP_TAPE_WRITE, [&t](R& r) { t.TapeWrite(r); }, false},
+      {Code::NDMP_TAPE_READ, [&t](R& r) { t.TapeRead(r); }, false},
+      {Code::NDMP_DATA_LISTEN, [&d](R& r) { d.Listen(r); }, false},
+      {Code::NDMP_DATA_CONNECT, [&d](R& r) { d.Connect(r); }, false},
+      {Code::NDMP_DATA_START_BACKUP, [&d](R& r) { d.StartBackup(r); }, false},
+      {Code::NDMP_DATA_START_RECOVER, [&d](R& r) { d.StartRecover(r); }, false},
+      {Code::NDMP_DATA_START_RECOVER_FILEHIST, [&d](R& r) { d.StartRecoverFilehist(r); }, false},
+      {Code::NDMP_DATA_GET_STATE, [&d](R& r) { d.GetState(r); }, false},
+      {Code::NDMP_DATA_GET_ENV, [&d](R& r) { d.GetEnv(r); }, false},
+      {Code::NDMP_DATA_ABORT, [&d](R& r) { d.Abort(r); }, false},
+      {Code::NDMP_DATA_STOP, [&d](R& r) { d.Stop(r); }, false},
+      {Code::NDMP_MOVER_LISTEN, [&m](R& r) { m.Listen(r); }, false},
+      {Code::NDMP_MOVER_CONNECT, [&m](R& r) { m.Connect(r); }, false},
+      {Code::NDMP_MOVER_SET_RECORD_SIZE, [&m](R& r) { m.SetRecordSize(r); }, false},
+      {Code::NDMP_MOVER_SET_WINDOW, [&m](R& r) { m.SetWindow(r); }, false},
+      {Code::NDMP_MOVER_READ, [&m](R& r) { m.Read(r); }, false},
+      {Code::NDMP_MOVER_CONTINUE, [&m](R& r) { m.Continue(r); }, false},
+      {Code::NDMP_MOVER_ABORT, [&m](R& r) { m.Abort(r); }, false},
+      {Code::NDMP_MOVER_STOP, [&m](R& r) { m.Stop(r); }, false},
+      {Code::NDMP_MOVER_CLOSE, [&m](R& r) { m.Close(r); }, false},
+      {Code::NDMP_MOVER_GET_STATE, [&m](R& r) { m.GetState(r); }, false},
+  };
 }
 
-CNDMPPVal Pair(const char* name, const std::string& value) { return CNDMPPVal(name, value); }
+namespace {
+
+// The local address of an accepted socket, where data connections listen.
+std::string LocalAddress(const VxTcpSocket& socket, const std::string& fallback) {
+  sockaddr_in address{};
+  socklen_t size = sizeof(address);
+  char text[INET_ADDRSTRLEN] = "";
+  if (::getsockname(socket.descriptor(), reinterpret_cast<sockaddr*>(&address), &size) != 0 ||
+      address.sin_family != AF_INET ||
+      ::inet_ntop(AF_INET, &address.sin_addr, text, sizeof(text)) == nullptr) {
+    return fallback;
+  }
+  return text;
+}
 
 }  // namespace
 
-const std::vector<CSimSession::CHandlerRow>& CSimSession::HandlerTable() {
-  static const std::vector<CHandlerRow> table = {
-      {Code::NDMP_CONNECT_OPEN, &CSimSession::ConnectOpen, true},
-      {Code::NDMP_CONNECT_CLIENT_AUTH, &CSimSession::ConnectClientAuth, true},
-      {Code::NDMP_CONNECT_CLOSE, &CSimSession::ConnectClose, true},
-      {Code::NDMP_CONFIG_GET_SERVER_INFO, &CSimSession::ConfigGetServerInfo, true},
-      {Code::NDMP_CONFIG_GET_AUTH_ATTR, &CSimSession::ConfigGetAuthAttr, true},
-      {Code::NDMP_CONFIG_GET_HOST_INFO, &CSimSession::ConfigGetHostInfo, false},
-      {Code::NDMP_CONFIG_GET_CONNECTION_TYPE, &CSimSession::ConfigGetConnectionType, false},
-      {Code::NDMP_CONFIG_GET_BUTYPE_INFO, &CSimSession::ConfigGetButypeInfo, false},
-      {Code::NDMP_CONFIG_GET_FS_INFO, &CSimSession::ConfigGetFsInfo, false},
-      {Code::NDMP_CONFIG_GET_TAPE_INFO, &CSimSession::ConfigGetTapeInfo, false},
-      {Code::NDMP_CONFIG_GET_SCSI_INFO, &CSimSession::ConfigGetScsiInfo, false},
-      {Code::NDMP_CONFIG_GET_EXT_LIST, &CSimSession::ConfigGetExtList, false},
-      {Code::NDMP_CONFIG_SET_EXT_LIST, &CSimSession::ConfigSetExtList, false},
-      {Code::NDMP_SCSI_OPEN, &CSimSession::ScsiOpen, false},
-      {Code::NDMP_SCSI_CLOSE, &CSimSession::ScsiClose, false},
-      {Code::NDMP_SCSI_GET_STATE, &CSimSession::ScsiGetState, false},
-      {Code::NDMP_TAPE_OPEN, &CSimSession::TapeOpen, false},
-      {Code::NDMP_TAPE_CLOSE, &CSimSession::TapeClose, false},
-      {Code::NDMP_TAPE_GET_STATE, &CSimSession::TapeGetState, false},
-      {Code::NDMP_TAPE_MTIO, &CSimSession::TapeMtio, false},
-      {Code::NDMP_TAPE_WRITE, &CSimSession::TapeWrite, false},
-      {Code::NDMP_TAPE_READ, &CSimSession::TapeRead, false},
-      {Code::NDMP_DATA_GET_STATE, &CSimSession::DataGetState, false},
-      {Code::NDMP_MOVER_GET_STATE, &CSimSession::MoverGetState, false},
-  };
-  return table;
-}
-
 CSimSession::CSimSession(CNDMPSimServer& server, std::unique_ptr<VxTcpSocket> socket,
                          unsigned int id)
-    : server_(server), log_(server.Log()), id_(id), socket_(std::move(socket)) {
+    : server_(server),
+      log_(server.Log()),
+      id_(id),
+      socket_(std::move(socket)),
+      context_{server,
+               server.Log(),
+               id,
+               LocalAddress(*socket_, server.Config().listenAddress),
+               [this](CNDMPMessage& post) { connection_->SendMessage(post, 0); },
+               [this] { return connection_->GetProtocolVersion().getInt32(); }} {
   std::random_device seed;
   random_.seed((static_cast<std::uint64_t>(seed()) << 32) ^ seed() ^ id);
+  config_ = std::make_unique<CSimConfigAgent>(context_);
+  tape_ = std::make_unique<CSimTapeAgent>(context_);
+  mover_ = std::make_unique<CSimMoverAgent>(context_, *tape_);
+  data_ = std::make_unique<CSimDataAgent>(context_);
+  mover_->SetDataAgent(data_.get());
+  data_->SetMover(mover_.get());
+  BuildHandlerTable();
 }
 
 CSimSession::~CSimSession() {
+  StopAgents();
   std::lock_guard<std::mutex> lock(socketMutex_);
   connection_.reset();
   socket_.reset();
@@ -198,7 +238,7 @@ void CSimSession::Run() {
       }
     }
   }
-  ReleaseDevices();
+  StopAgents();
   {
     std::lock_guard<std::mutex> lock(socketMutex_);
     if (connection_) connection_->Disconnect();
@@ -206,22 +246,6 @@ void CSimSession::Run() {
     socket_.reset();
   }
   log_.info("sim client %u: disconnected", id_);
-}
-
-template <class T>
-T* CSimSession::Body() {
-  return dynamic_cast<T*>(current_->GetMessage());
-}
-
-void CSimSession::Reply(CNDMPMessage& reply) {
-  connection_->SendMessage(reply, current_->GetHeader().Sequence.getInt32());
-}
-
-void CSimSession::Fail(unsigned int error) {
-  const CNDMPHeader& header = current_->GetHeader();
-  connection_->SendNDMPError(CXDREnumBase<CNDMPMessageType>(CNDMPMessageType::NDMP_MESSAGE_REPLY),
-                             header.MessageCode, CXDREnumBase<CNDMPError>(error),
-                             header.Sequence.getInt32());
 }
 
 void CSimSession::Handle(CNDMPMessagePacket& packet) {
@@ -238,42 +262,40 @@ void CSimSession::Handle(CNDMPMessagePacket& packet) {
     log_.info("sim client %u: notification %s ignored", id_, name.c_str());
     return;
   }
-  current_ = &packet;
-  const auto& table = HandlerTable();
-  auto row = std::find_if(table.begin(), table.end(),
+  CSimRequest request(*connection_, packet);
+  auto row = std::find_if(handlers_.begin(), handlers_.end(),
                           [code](const CHandlerRow& r) { return r.code == code; });
-  const bool allowed = authenticated_ || (row != table.end() && row->beforeAuthentication);
+  const bool allowed = authenticated_ || (row != handlers_.end() && row->beforeAuthentication);
   if (!allowed) {
     log_.info("sim client %u: %s refused before authentication", id_, name.c_str());
-    Fail(CNDMPError::NDMP_NOT_AUTHORIZED_ERR);
-  } else if (row == table.end()) {
+    request.Fail(CNDMPError::NDMP_NOT_AUTHORIZED_ERR);
+  } else if (row == handlers_.end()) {
     log_.info("sim client %u: %s not supported", id_, name.c_str());
-    Fail(CNDMPError::NDMP_NOT_SUPPORTED_ERR);
+    request.Fail(CNDMPError::NDMP_NOT_SUPPORTED_ERR);
   } else if (header.ErrorCode != CNDMPError::NDMP_NO_ERR) {
     log_.warning("sim client %u: %s request carrying error %s refused", id_, name.c_str(),
                  header.ErrorCode.ToString().c_str());
-    Fail(CNDMPError::NDMP_ILLEGAL_ARGS_ERR);
+    request.Fail(CNDMPError::NDMP_ILLEGAL_ARGS_ERR);
   } else {
     log_.debug("sim client %u: %s", id_, name.c_str());
-    (this->*(row->handler))();
+    row->handler(request);
   }
-  current_ = nullptr;
 }
 
-void CSimSession::ReleaseDevices() {
-  if (tape_ != nullptr) server_.ReleaseTape(tapeName_, this);
-  tape_ = nullptr;
-  if (changerOpen_) server_.ReleaseChanger(this);
-  changerOpen_ = false;
+void CSimSession::StopAgents() {
+  // The workers send posts through the connection: they end before it does.
+  if (data_) data_->Shutdown();
+  if (mover_) mover_->Shutdown();
+  if (tape_) tape_->Release();
 }
 
 // ---------------------------------------------------------------------------
 // Connect
 
-void CSimSession::ConnectOpen() {
-  auto* request = Body<CNDMPConnectOpenRequest>();
-  if (request == nullptr) return Fail(CNDMPError::NDMP_ILLEGAL_ARGS_ERR);
-  const unsigned int version = request->ProtocolVersion.getInt32();
+void CSimSession::ConnectOpen(CSimRequest& request) {
+  auto* body = request.Body<CNDMPConnectOpenRequest>();
+  if (body == nullptr) return request.Fail(CNDMPError::NDMP_ILLEGAL_ARGS_ERR);
+  const unsigned int version = body->ProtocolVersion.getInt32();
   const auto& versions = server_.Config().versions;
   CNDMPConnectOpenReply reply;
   if (std::find(versions.begin(), versions.end(), version) != versions.end()) {
@@ -285,14 +307,14 @@ void CSimSession::ConnectOpen() {
     reply.NDMP_Error = CNDMPError::NDMP_ILLEGAL_ARGS_ERR;
     log_.info("sim client %u: NDMP version %u refused", id_, version);
   }
-  Reply(reply);
+  request.Reply(reply);
 }
 
-void CSimSession::ConnectClientAuth() {
-  auto* request = Body<CNDMPConnectClientAuthRequest>();
-  if (request == nullptr) return Fail(CNDMPError::NDMP_ILLEGAL_ARGS_ERR);
+void CSimSession::ConnectClientAuth(CSimRequest& request) {
+  auto* body = request.Body<CNDMPConnectClientAuthRequest>();
+  if (body == nullptr) return request.Fail(CNDMPError::NDMP_ILLEGAL_ARGS_ERR);
   const CSimServerConfig& config = server_.Config();
-  CNDMPAuthData& data = request->AuthenticationData;
+  CNDMPAuthData& data = body->AuthenticationData;
   bool ok = false;
   const char* method = "unknown";
   switch (data.AuthenticationType.getInt32()) {
@@ -325,36 +347,20 @@ void CSimSession::ConnectClientAuth() {
   reply.NDMP_Error = ok ? CNDMPError::NDMP_NO_ERR : CNDMPError::NDMP_NOT_AUTHORIZED_ERR;
   if (ok) authenticated_ = true;
   log_.info("sim client %u: %s authentication %s", id_, method, ok ? "accepted" : "refused");
-  Reply(reply);
+  request.Reply(reply);
 }
 
-void CSimSession::ConnectClose() {
+void CSimSession::ConnectClose(CSimRequest&) {
   log_.info("sim client %u: closed the connection", id_);
   closing_ = true;
 }
 
-// ---------------------------------------------------------------------------
-// Config
-
-void CSimSession::ConfigGetServerInfo() {
-  const CSimServerConfig& config = server_.Config();
-  CNDMPConfigGetServerInfoReply reply;
-  reply.VenderName = config.vendor;
-  reply.ProductName = config.product;
-  reply.RevisionNumber = config.revision;
-  using Auth = enums::CNDMPEnumAuthType;
-  if (config.authMD5) reply.AuthenticationTypes.AddItem(Auth::NDMP_AUTH_MD5);
-  if (config.authText) reply.AuthenticationTypes.AddItem(Auth::NDMP_AUTH_TEXT);
-  if (config.authNone) reply.AuthenticationTypes.AddItem(Auth::NDMP_AUTH_NONE);
-  Reply(reply);
-}
-
-void CSimSession::ConfigGetAuthAttr() {
-  auto* request = Body<CNDMPConfigGetAuthAttrRequest>();
-  if (request == nullptr) return Fail(CNDMPError::NDMP_ILLEGAL_ARGS_ERR);
+void CSimSession::ConfigGetAuthAttr(CSimRequest& request) {
+  auto* body = request.Body<CNDMPConfigGetAuthAttrRequest>();
+  if (body == nullptr) return request.Fail(CNDMPError::NDMP_ILLEGAL_ARGS_ERR);
   const CSimServerConfig& config = server_.Config();
   CNDMPConfigGetAuthAttrReply reply;
-  const unsigned int type = request->AuthType.getInt32();
+  const unsigned int type = body->AuthType.getInt32();
   reply.ServerAttr.AuthType = CXDREnumBase<enums::CNDMPEnumAuthType>(type);
   bool offered = (type == enums::CNDMPEnumAuthType::NDMP_AUTH_MD5 && config.authMD5) ||
                  (type == enums::CNDMPEnumAuthType::NDMP_AUTH_TEXT && config.authText) ||
@@ -366,342 +372,7 @@ void CSimSession::ConfigGetAuthAttr() {
     for (unsigned char& byte : challenge_) byte = static_cast<unsigned char>(random_());
     reply.ServerAttr.Challenge.SetData(challenge_.data(), challenge_.size());
   }
-  Reply(reply);
-}
-
-void CSimSession::ConfigGetHostInfo() {
-  const CSimServerConfig& config = server_.Config();
-  CNDMPConfigGetHostInfoReply reply;
-  reply.hostname = config.hostName;
-  reply.OSType = config.osType;
-  reply.OSVersion = config.osVersion;
-  reply.HostID = config.hostId;
-  Reply(reply);
-}
-
-void CSimSession::ConfigGetConnectionType() {
-  CNDMPConfigGetConnectionTypeReply reply;
-  reply.AddressTypes.AddItem(enums::CNDMPEnumAddrType::NDMP_ADDR_LOCAL);
-  reply.AddressTypes.AddItem(enums::CNDMPEnumAddrType::NDMP_ADDR_TCP);
-  Reply(reply);
-}
-
-void CSimSession::ConfigGetButypeInfo() {
-  CNDMPConfigGetButypeAttrReply reply;
-  CNDMPConfigButypeInfo& dump = reply.BackupTypeInfo.AppendNew();
-  dump.BackupTypeName = "dump";
-  dump.Attributes = 0x1466u;  // file lists, incrementals, directory and node history
-  dump.DefaultEnvironment.AddItem(Pair("FILESYSTEM", ""));
-  dump.DefaultEnvironment.AddItem(Pair("LEVEL", "0"));
-  dump.DefaultEnvironment.AddItem(Pair("HIST", "y"));
-  dump.DefaultEnvironment.AddItem(Pair("UPDATE", "y"));
-  CNDMPConfigButypeInfo& tar = reply.BackupTypeInfo.AppendNew();
-  tar.BackupTypeName = "tar";
-  tar.Attributes = 0x0206u;  // file lists, file history
-  tar.DefaultEnvironment.AddItem(Pair("FILESYSTEM", ""));
-  tar.DefaultEnvironment.AddItem(Pair("HIST", "y"));
-  tar.DefaultEnvironment.AddItem(Pair("BLOCKSIZE", "20"));
-  Reply(reply);
-}
-
-void CSimSession::ConfigGetFsInfo() {
-  CNDMPConfigGetFsInfoReply reply;
-  for (const CSimFileSystem& fs : server_.Config().fileSystems) {
-    CNDMPFsInfo& info = reply.FsInfoArray.AppendNew();
-    info.FSType = fs.type;
-    info.LogDeviceName = fs.name;
-    info.PhysDeviceName = fs.device;
-    info.TotalSize = CNDMPUQuad(fs.totalBytes);
-    info.UsedSize = CNDMPUQuad(fs.usedBytes);
-    info.AvailSize = CNDMPUQuad(fs.totalBytes - std::min(fs.usedBytes, fs.totalBytes));
-    info.TotalInodes = CNDMPUQuad(fs.totalInodes);
-    info.UsedInodes = CNDMPUQuad(fs.usedInodes);
-    info.FSEnvironment.AddItem(Pair("LOCAL", "y"));
-    info.FSEnvironment.AddItem(Pair("TYPE", fs.type));
-    info.FSStatus = fs.status;
-  }
-  Reply(reply);
-}
-
-void CSimSession::ConfigGetTapeInfo() {
-  CNDMPConfigGetTapeInfoReply reply;
-  for (const std::string& name : server_.TapeNames()) {
-    CNDMPDeviceInfo& info = reply.TapeInfoArray.AppendNew();
-    info.Model = "SIM-TAPE";
-    CNDMPDeviceCapability& capability = info.CapabilityList.AppendNew();
-    capability.Device = name;
-    capability.Capability.AddItem(Pair("EXECUTE_CDB", "f"));
-    capability.Capability.AddItem(Pair("SERIAL_NUMBER", "SIM" + name));
-    capability.Capability.AddItem(
-        Pair("MAX_RECORD_SIZE", std::to_string(server_.Config().maxRecordSize)));
-  }
-  Reply(reply);
-}
-
-void CSimSession::ConfigGetScsiInfo() {
-  CNDMPConfigGetSCSIInfoReply reply;
-  CNDMPDeviceInfo& info = reply.SCSIInfoArray.AppendNew();
-  info.Model = "SIM-CHANGER";
-  CNDMPDeviceCapability& capability = info.CapabilityList.AppendNew();
-  capability.Device = server_.Config().changerName;
-  capability.Capability.AddItem(Pair("SERIAL_NUMBER", "SIMCHG0001"));
-  Reply(reply);
-}
-
-void CSimSession::ConfigGetExtList() {
-  if (!server_.Config().answerExtList) return;  // deliberately silent, like some filers
-  CNDMPConfigGetExtListReply reply;             // no extensions
-  Reply(reply);
-}
-
-void CSimSession::ConfigSetExtList() {
-  auto* request = Body<CNDMPConfigSetExtListRequest>();
-  if (request == nullptr) return Fail(CNDMPError::NDMP_ILLEGAL_ARGS_ERR);
-  CNDMPConfigSetExtListReply reply;
-  if (request->SelectedExtensions.size() != 0) {
-    reply.NDMP_Error = CNDMPError::NDMP_CLASS_NOT_SUPPORTED_ERR;
-  }
-  Reply(reply);
-}
-
-// ---------------------------------------------------------------------------
-// SCSI
-
-void CSimSession::ScsiOpen() {
-  auto* request = Body<CNDMPScsiOpenRequest>();
-  if (request == nullptr) return Fail(CNDMPError::NDMP_ILLEGAL_ARGS_ERR);
-  CNDMPScsiOpenReply reply;
-  if (changerOpen_) {
-    reply.NDMP_Error = CNDMPError::NDMP_DEVICE_OPENED_ERR;
-  } else {
-    switch (server_.AcquireChanger(request->Device.GetString(), this)) {
-      case CNDMPSimServer::DeviceResult::kOk:
-        changerOpen_ = true;
-        break;
-      case CNDMPSimServer::DeviceResult::kBusy:
-        reply.NDMP_Error = CNDMPError::NDMP_DEVICE_BUSY_ERR;
-        break;
-      default:
-        reply.NDMP_Error = CNDMPError::NDMP_NO_DEVICE_ERR;
-        break;
-    }
-  }
-  Reply(reply);
-}
-
-void CSimSession::ScsiClose() {
-  CNDMPScsiCloseReply reply;
-  if (!changerOpen_) {
-    reply.NDMP_Error = CNDMPError::NDMP_DEV_NOT_OPEN_ERR;
-  } else {
-    server_.ReleaseChanger(this);
-    changerOpen_ = false;
-  }
-  Reply(reply);
-}
-
-void CSimSession::ScsiGetState() {
-  CNDMPScsiGetStateReply reply;
-  if (!changerOpen_) reply.NDMP_Error = CNDMPError::NDMP_DEV_NOT_OPEN_ERR;
-  Reply(reply);
-}
-
-// ---------------------------------------------------------------------------
-// Tape
-
-void CSimSession::TapeOpen() {
-  auto* request = Body<CNDMPTapeOpenRequest>();
-  if (request == nullptr) return Fail(CNDMPError::NDMP_ILLEGAL_ARGS_ERR);
-  CNDMPTapeOpenReply reply;
-  const std::string name = request->Device.GetString();
-  const unsigned int mode = request->Mode.getInt32();
-  using Mode = enums::CNDMPEnumTapeOpenMode;
-  const bool write = mode == Mode::NDMP_TAPE_RDWR_MODE || mode == Mode::NDMP_TAPE_RAW_MODE ||
-                     mode == Mode::NDMP_TAPE_RAW_MODE_OLD;
-  if (tape_ != nullptr) {
-    reply.NDMP_Error = CNDMPError::NDMP_DEVICE_OPENED_ERR;
-  } else if (!write && mode != Mode::NDMP_TAPE_READ_MODE) {
-    reply.NDMP_Error = CNDMPError::NDMP_ILLEGAL_ARGS_ERR;
-  } else if (!CNDMPSimServer::IsValidTapeName(name)) {
-    reply.NDMP_Error = CNDMPError::NDMP_NO_DEVICE_ERR;
-  } else {
-    CVirtualTape* tape = nullptr;
-    switch (server_.AcquireTape(name, write, this, &tape)) {
-      case CNDMPSimServer::DeviceResult::kOk:
-        if (write && !tape->IsWritable()) {
-          server_.ReleaseTape(name, this);
-          reply.NDMP_Error = CNDMPError::NDMP_WRITE_PROTECT_ERR;
-        } else {
-          tape_ = tape;
-          tapeName_ = name;
-          tapeWritable_ = write;
-          tapeUnloaded_ = false;
-        }
-        break;
-      case CNDMPSimServer::DeviceResult::kBusy:
-        reply.NDMP_Error = CNDMPError::NDMP_DEVICE_BUSY_ERR;
-        break;
-      case CNDMPSimServer::DeviceResult::kNoDevice:
-        reply.NDMP_Error = CNDMPError::NDMP_NO_DEVICE_ERR;
-        break;
-      case CNDMPSimServer::DeviceResult::kIoError:
-        reply.NDMP_Error = CNDMPError::NDMP_IO_ERR;
-        break;
-    }
-  }
-  if (reply.NDMP_Error == CNDMPError::NDMP_NO_ERR) {
-    log_.info("sim client %u: tape %s opened (%s)", id_, name.c_str(),
-              request->Mode.ToString().c_str());
-  }
-  Reply(reply);
-}
-
-void CSimSession::TapeClose() {
-  CNDMPTapeCloseReply reply;
-  if (tape_ == nullptr) {
-    reply.NDMP_Error = CNDMPError::NDMP_DEV_NOT_OPEN_ERR;
-  } else {
-    server_.ReleaseTape(tapeName_, this);
-    tape_ = nullptr;
-  }
-  Reply(reply);
-}
-
-void CSimSession::TapeGetState() {
-  CNDMPTapeGetStateReply reply;
-  if (tape_ == nullptr) {
-    reply.NDMP_Error = CNDMPError::NDMP_DEV_NOT_OPEN_ERR;
-  } else if (tapeUnloaded_) {
-    reply.NDMP_Error = CNDMPError::NDMP_NO_TAPE_LOADED_ERR;
-  } else {
-    reply.Flags = tape_->IsWritable() ? 0u : 0x10u;  // write protected
-    reply.FileNum = tape_->FileNumber();
-    reply.BlockNo = tape_->BlockNumber();
-    reply.BlockSize = 0u;  // variable-size records
-    reply.TotalSpace = CNDMPUQuad(tape_->Capacity());
-    reply.SpaceRemaining = CNDMPUQuad(tape_->Remaining());
-  }
-  Reply(reply);
-}
-
-void CSimSession::TapeMtio() {
-  auto* request = Body<CNDMPTapeMtioRequest>();
-  if (request == nullptr) return Fail(CNDMPError::NDMP_ILLEGAL_ARGS_ERR);
-  CNDMPTapeMtioReply reply;
-  const std::uint32_t count = request->Count.getInt32();
-  std::uint32_t resid = 0;
-  unsigned int error = CNDMPError::NDMP_NO_ERR;
-  using Op = enums::CNDMPEnumMtioOp;
-  const unsigned int op = request->TapeOp.getInt32();
-  if (tape_ == nullptr) {
-    error = CNDMPError::NDMP_DEV_NOT_OPEN_ERR;
-  } else if (tapeUnloaded_ && op != Op::NDMP_MTIO_OFF) {
-    error = CNDMPError::NDMP_NO_TAPE_LOADED_ERR;
-    resid = count;
-  } else {
-    switch (op) {
-      case Op::NDMP_MTIO_FSF:
-      case Op::NDMP_MTIO_BSF:
-        error = TapeError(tape_->SpaceFilemarks(op == Op::NDMP_MTIO_FSF, count, &resid));
-        break;
-      case Op::NDMP_MTIO_FSR:
-      case Op::NDMP_MTIO_BSR:
-        error = TapeError(tape_->SpaceRecords(op == Op::NDMP_MTIO_FSR, count, &resid));
-        break;
-      case Op::NDMP_MTIO_REW:
-        tape_->Rewind();
-        break;
-      case Op::NDMP_MTIO_EOF:
-        if (!tapeWritable_) {
-          error = CNDMPError::NDMP_PERMISSION_ERR;
-          resid = count;
-        } else {
-          std::uint32_t written = 0;
-          error = TapeError(tape_->WriteFilemarks(count, &written));
-          resid = count - written;
-        }
-        break;
-      case Op::NDMP_MTIO_OFF:
-        tape_->Rewind();
-        tapeUnloaded_ = true;
-        break;
-      case Op::NDMP_MTIO_TUR:
-        break;
-      default:
-        error = CNDMPError::NDMP_ILLEGAL_ARGS_ERR;
-        resid = count;
-        break;
-    }
-  }
-  reply.NDMP_Error = CXDREnumBase<CNDMPError>(error);
-  reply.ResidCount = resid;
-  Reply(reply);
-}
-
-void CSimSession::TapeWrite() {
-  auto* request = Body<CNDMPTapeWriteRequest>();
-  if (request == nullptr) return Fail(CNDMPError::NDMP_ILLEGAL_ARGS_ERR);
-  CNDMPTapeWriteReply reply;
-  const std::uint64_t length = request->DataOut.GetSize();
-  unsigned int error = CNDMPError::NDMP_NO_ERR;
-  if (tape_ == nullptr) {
-    error = CNDMPError::NDMP_DEV_NOT_OPEN_ERR;
-  } else if (tapeUnloaded_) {
-    error = CNDMPError::NDMP_NO_TAPE_LOADED_ERR;
-  } else if (!tapeWritable_) {
-    error = CNDMPError::NDMP_PERMISSION_ERR;
-  } else if (length == 0 || length > server_.Config().maxRecordSize) {
-    error = CNDMPError::NDMP_ILLEGAL_ARGS_ERR;
-  } else {
-    error = TapeError(
-        tape_->WriteRecord(request->DataOut.GetData(), static_cast<std::uint32_t>(length)));
-    if (error == CNDMPError::NDMP_NO_ERR) reply.Count = static_cast<unsigned int>(length);
-  }
-  reply.NDMP_Error = CXDREnumBase<CNDMPError>(error);
-  Reply(reply);
-}
-
-void CSimSession::TapeRead() {
-  auto* request = Body<CNDMPTapeReadRequest>();
-  if (request == nullptr) return Fail(CNDMPError::NDMP_ILLEGAL_ARGS_ERR);
-  CNDMPTapeReadReply reply;
-  unsigned int error = CNDMPError::NDMP_NO_ERR;
-  const std::uint32_t count = request->Count.getInt32();
-  if (tape_ == nullptr) {
-    error = CNDMPError::NDMP_DEV_NOT_OPEN_ERR;
-  } else if (tapeUnloaded_) {
-    error = CNDMPError::NDMP_NO_TAPE_LOADED_ERR;
-  } else if (count == 0) {
-    error = CNDMPError::NDMP_ILLEGAL_ARGS_ERR;
-  } else {
-    std::vector<unsigned char> data;
-    error = TapeError(tape_->ReadRecord(count, &data));
-    if (!data.empty()) reply.Data.SetData(data.data(), data.size());
-  }
-  reply.NDMP_Error = CXDREnumBase<CNDMPError>(error);
-  Reply(reply);
-}
-
-// ---------------------------------------------------------------------------
-// Data and mover: always idle.
-
-void CSimSession::DataGetState() {
-  CNDMPDataGetStateReply reply;
-  reply.Operation = enums::CNDMPEnumDataOperation::NDMP_DATA_OP_NOACTION;
-  reply.State = enums::CNDMPEnumDataState::NDMP_DATA_STATE_IDLE;
-  reply.HaltReason = enums::CNDMPEnumDataHaltReason::NDMP_DATA_HALT_NA;
-  reply.DataConnAddress.AddressType = enums::CNDMPEnumAddrType::NDMP_ADDR_LOCAL;
-  Reply(reply);
-}
-
-void CSimSession::MoverGetState() {
-  CNDMPMoverGetStateReply reply;
-  reply.Mode = enums::CNDMPEnumMoverMode::NDMP_MOVER_MODE_READ;
-  reply.State = enums::CNDMPEnumMoverState::NDMP_MOVER_STATE_IDLE;
-  reply.PauseReason = enums::CNDMPEnumMoverPauseReason::NDMP_MOVER_PAUSE_NA;
-  reply.HaltReason = enums::CNDMPEnumMoverHaltReason::NDMP_MOVER_HALT_NA;
-  reply.DataConnAddress.AddressType = enums::CNDMPEnumAddrType::NDMP_ADDR_LOCAL;
-  Reply(reply);
+  request.Reply(reply);
 }
 
 }  // namespace com::vx::korvane::ndmpc::tools

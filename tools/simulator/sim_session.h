@@ -1,9 +1,13 @@
 // CSimSession: one client of the simulated NDMP server, served on its own
-// thread (Run) over its own CNDMPConnection. Internal to the simulator.
+// thread (Run) over its own CNDMPConnection. The session greets the client,
+// negotiates the version, authenticates, and dispatches every other request
+// to its agents: config, tape (with the changer), data and mover. Internal
+// to the simulator.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <random>
@@ -13,11 +17,15 @@
 #include "ndmpc/foundation/vx_socket.h"
 #include "ndmpc/ndmp/connection/connection.h"
 #include "ndmpc/ndmp/messages/message_packet.h"
+#include "tools/simulator/sim_request.h"
 
 namespace com::vx::korvane::ndmpc::tools {
 
 class CNDMPSimServer;
-class CVirtualTape;
+class CSimConfigAgent;
+class CSimTapeAgent;
+class CSimDataAgent;
+class CSimMoverAgent;
 
 class CSimSession {
  public:
@@ -34,13 +42,12 @@ class CSimSession {
   void Interrupt();
 
  private:
-  using Handler = void (CSimSession::*)();
   struct CHandlerRow {
     std::uint32_t code;
-    Handler handler;
+    std::function<void(CSimRequest&)> handler;
     bool beforeAuthentication;  // allowed before the client authenticated
   };
-  static const std::vector<CHandlerRow>& HandlerTable();
+  void BuildHandlerTable();
 
   // Greets the client and reads its first message on a plain stream, before
   // the connection exists (see Run).
@@ -48,37 +55,14 @@ class CSimSession {
   std::unique_ptr<CNDMPMessagePacket> ReadFirst(CXDRStream& stream);
   bool SocketAlive();
   void Handle(CNDMPMessagePacket& packet);
-  void Reply(CNDMPMessage& reply);
-  void Fail(unsigned int error);
-  template <class T>
-  T* Body();
-  void ReleaseDevices();
+  // Stops the agents' threads and releases the devices.
+  void StopAgents();
 
-  // One handler per implemented request.
-  void ConnectOpen();
-  void ConnectClientAuth();
-  void ConnectClose();
-  void ConfigGetHostInfo();
-  void ConfigGetConnectionType();
-  void ConfigGetAuthAttr();
-  void ConfigGetButypeInfo();
-  void ConfigGetFsInfo();
-  void ConfigGetTapeInfo();
-  void ConfigGetScsiInfo();
-  void ConfigGetServerInfo();
-  void ConfigGetExtList();
-  void ConfigSetExtList();
-  void ScsiOpen();
-  void ScsiClose();
-  void ScsiGetState();
-  void TapeOpen();
-  void TapeClose();
-  void TapeGetState();
-  void TapeMtio();
-  void TapeWrite();
-  void TapeRead();
-  void DataGetState();
-  void MoverGetState();
+  // The session's own requests: connection and authentication.
+  void ConnectOpen(CSimRequest& request);
+  void ConnectClientAuth(CSimRequest& request);
+  void ConnectClose(CSimRequest& request);
+  void ConfigGetAuthAttr(CSimRequest& request);
 
   CNDMPSimServer& server_;
   VxLog& log_;
@@ -89,17 +73,18 @@ class CSimSession {
   std::unique_ptr<CNDMPConnection> connection_;
   std::atomic<bool> interrupted_{false};
 
+  CSimAgentContext context_;
+  std::unique_ptr<CSimConfigAgent> config_;
+  std::unique_ptr<CSimTapeAgent> tape_;
+  std::unique_ptr<CSimMoverAgent> mover_;
+  std::unique_ptr<CSimDataAgent> data_;
+  std::vector<CHandlerRow> handlers_;
+
   // Touched by the session thread only.
-  CNDMPMessagePacket* current_ = nullptr;  // the request being answered
   bool authenticated_ = false;
   bool closing_ = false;
   std::vector<unsigned char> challenge_;
   std::mt19937_64 random_;
-  std::string tapeName_;
-  CVirtualTape* tape_ = nullptr;
-  bool tapeWritable_ = false;
-  bool tapeUnloaded_ = false;
-  bool changerOpen_ = false;
 };
 
 }  // namespace com::vx::korvane::ndmpc::tools

@@ -1,0 +1,391 @@
+// The simulator's data engine on a generated tree: the image against GNU
+// tar, whole and selective restores, both history shapes, and refusals.
+#include "tools/simulator/data_engine.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <set>
+
+#include "tests/tools/tools_test_support.h"
+#include "tools/simulator/tar_image.h"
+
+namespace com::vx::korvane::ndmpc::tools {
+namespace {
+
+using testing::CTempDir;
+using testing::ReadFile;
+using testing::WriteRandomFile;
+using Tree = std::map<std::string, std::string>;
+constexpr std::uint64_t kAll = ~0ull;
+
+void Stamp(const std::string& path, std::int64_t mtime, mode_t mode) {
+  struct timespec times[2] = {{mtime, 0}, {mtime, 0}};
+  ASSERT_TRUE(mode == 0 || chmod(path.c_str(), mode) == 0) << path;
+  ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0) << path;
+}
+
+// Empty files, a 6 MB file, long, spaced and UTF-8 names, nested
+// directories, symbolic links (one dangling) and ~300 small files.
+void MakeTree(const std::string& root) {
+  std::string deep = "/d1/d2/d3/d4", longDir = "/" + std::string(90, 'D') + "/" + std::string(90, 'E');
+  for (const std::string& dir :
+       {std::string("/d1"), std::string("/d1/d2"), std::string("/d1/d2/d3"), deep, longDir.substr(0, 91), longDir}) {
+    ASSERT_EQ(mkdir((root + dir).c_str(), 0755), 0);
+  }
+  WriteRandomFile(root + "/big.bin", 6 << 20, 1);
+  WriteRandomFile(root + "/name with spaces.txt", 700, 2);
+  WriteRandomFile(root + "/d1/d2/Grüße, 日本語 " + std::string(110, 'n') + ".txt", 5000, 3);
+  WriteRandomFile(root + deep + "/deep.bin", 1 << 20, 4);
+  WriteRandomFile(root + longDir + "/" + std::string(100, 'f'), 513, 5);
+  for (int i = 0; i < 300; ++i) {
+    std::string dir = root + "/sub" + std::to_string(i % 10);
+    mkdir(dir.c_str(), 0750);
+    std::string file = dir + "/f" + std::to_string(i) + (i % 7 == 0 ? ".empty" : "");
+    WriteRandomFile(file, i % 7 == 0 ? 0 : static_cast<std::size_t>(i * 37 % 3000), 10 + i);
+    Stamp(file, 1000000000 + i * 3600, i % 3 == 0 ? 0640 : 0604);
+  }
+  ASSERT_EQ(symlink("d1/d2", (root + "/link to dir").c_str()), 0);
+  ASSERT_EQ(symlink("nowhere", (root + "/d1/dangling").c_str()), 0);
+  Stamp(root + "/d1/d2", 1200000000, 0700);
+  Stamp(root + "/d1", 1300000000, 0755);
+}
+
+// path relative to `root` ("/" itself) -> type, mode, mtime, size, content.
+Tree Snapshot(const std::string& root) {
+  Tree tree;
+  auto add = [&](const std::string& path, const std::string& rel) {
+    struct stat st;
+    lstat(path.c_str(), &st);
+    std::string line = std::to_string(st.st_mode) + " ";
+    if (S_ISLNK(st.st_mode)) {
+      line += std::filesystem::read_symlink(path).string();
+    } else {
+      line += std::to_string(st.st_mtime) + " " + std::to_string(st.st_size) + " " +
+              (S_ISREG(st.st_mode) ? std::to_string(std::hash<std::string>()(ReadFile(path))) : "");
+    }
+    tree[rel.empty() ? "/" : rel] = line;
+  };
+  add(root, "");
+  for (const auto& e : std::filesystem::recursive_directory_iterator(root)) {
+    add(e.path().string(), e.path().string().substr(root.size()));
+  }
+  return tree;
+}
+
+// The part of `tree` at and below `item`, renamed as restored to `to` ("/").
+Tree Part(const Tree& tree, const std::string& item, const std::string& to) {
+  Tree part;
+  for (const auto& [path, line] : tree) {
+    if (path == item || path.rfind(item + "/", 0) == 0) part[to + path.substr(item.size())] = line;
+  }
+  return part;
+}
+
+struct CImage {
+  std::string bytes;
+  std::vector<CSimFileEntry> files, dirs, nodes;
+  std::vector<std::pair<int, std::string>> logs;
+};
+
+CSimHaltReason Backup(const std::string& root, bool nodeHistory, CImage* image,
+                      std::function<bool(std::size_t)> writeOk = nullptr) {
+  std::atomic<std::uint64_t> bytes{0};
+  CSimBackupJob job;
+  job.hostRoot = root;
+  job.history = true;
+  job.nodeHistory = nodeHistory;
+  job.historyBatch = 64;
+  job.bytes = &bytes;
+  job.write = [&](const void* p, std::size_t n) {
+    if (writeOk && !writeOk(image->bytes.size())) return false;
+    image->bytes.append(static_cast<const char*>(p), n);
+    return true;
+  };
+  auto keep = [](std::vector<CSimFileEntry>* to) {
+    return [to](const std::vector<CSimFileEntry>& batch) {
+      EXPECT_LE(batch.size(), 64u);
+      to->insert(to->end(), batch.begin(), batch.end());
+    };
+  };
+  job.files = keep(&image->files), job.dirs = keep(&image->dirs), job.nodes = keep(&image->nodes);
+  job.log = [image](int level, const std::string& text) { image->logs.emplace_back(level, text); };
+  CSimHaltReason how = RunBackup(job);
+  EXPECT_EQ(bytes.load(), image->bytes.size());
+  return how;
+}
+
+// Serves `image` to a recover job as the data agent would, in small reads,
+// and records the requests (checking each bounded one was read in full).
+struct CFeed {
+  explicit CFeed(const std::string& bytes) : image(bytes) {}
+  const std::string& image;
+  std::vector<std::pair<std::uint64_t, std::uint64_t>> requests;
+  std::uint64_t pos = 0, end = 0;
+  std::vector<std::pair<int, std::string>> logs;
+
+  CSimHaltReason Recover(CSimRecoverJob job) {
+    job.request = [this](std::uint64_t offset, std::uint64_t length) {
+      EXPECT_TRUE(requests.empty() || (requests.back().second != kAll && pos == end));
+      requests.emplace_back(offset, length);
+      pos = offset;
+      end = length == kAll ? image.size() : offset + length;
+      return end <= image.size();
+    };
+    job.read = [this](void* buffer, std::size_t length) -> long {
+      std::size_t n = std::min<std::size_t>({length, end - pos, 5000});
+      std::memcpy(buffer, image.data() + pos, n);
+      pos += n;
+      return static_cast<long>(n);
+    };
+    job.log = [this](int level, const std::string& text) { logs.emplace_back(level, text); };
+    return RunRecover(job);
+  }
+};
+
+class DataEngine : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    source_ = new CTempDir;
+    MakeTree(source_->Path());
+    tree_ = new Tree(Snapshot(source_->Path()));
+    image_ = new CImage;
+    ASSERT_EQ(Backup(source_->Path(), false, image_), CSimHaltReason::kSuccessful);
+    for (const CSimFileEntry& e : image_->files) fh_[e.path] = e.fhInfo;
+  }
+  static void TearDownTestSuite() { delete source_, delete tree_, delete image_; }
+  static inline CTempDir* source_;
+  static inline Tree* tree_;
+  static inline CImage* image_;
+  static inline std::map<std::string, std::uint64_t> fh_;
+};
+
+TEST_F(DataEngine, ImageIsReadByGnuTarAndRestoresWhole) {
+  CTempDir out;
+  std::ofstream(out.File("image.tar"), std::ios::binary) << image_->bytes;
+  std::string tar = "tar --quoting-style=literal -f " + out.File("image.tar");
+  ASSERT_EQ(std::system((tar + " -tv > " + out.File("list")).c_str()), 0);
+  ASSERT_EQ(mkdir(out.File("gnu").c_str(), 0755), 0);
+  ASSERT_EQ(std::system((tar + " -x -C " + out.File("gnu")).c_str()), 0);
+  std::set<std::string> listed;
+  std::ifstream in(out.File("list"));
+  for (std::string line; std::getline(in, line);) {
+    std::string name = line.substr(line.find(" ./") + 2);
+    name = name.substr(0, name.find(" -> "));
+    if (name.size() > 1 && name.back() == '/') name.pop_back();
+    listed.insert(name);
+  }
+  std::set<std::string> expected, historyPaths;
+  for (const auto& [path, line] : *tree_) expected.insert(path);
+  for (const CSimFileEntry& e : image_->files) historyPaths.insert(e.path);
+  EXPECT_EQ(listed, expected);
+  EXPECT_EQ(historyPaths, expected);
+  EXPECT_EQ(Snapshot(out.File("gnu")), *tree_);
+
+  CFeed feed{image_->bytes};
+  CSimRecoverJob job;
+  job.items = {{"/", out.File("engine"), kAll}};
+  ASSERT_EQ(feed.Recover(job), CSimHaltReason::kSuccessful);
+  EXPECT_EQ(Snapshot(out.File("engine")), *tree_);
+  EXPECT_EQ(feed.requests, (decltype(feed.requests){{0, kAll}}));
+}
+
+TEST_F(DataEngine, HistoryDescribesTheTree) {
+  // Path-based history from the backup and from reading the image back agree
+  // on every entry's stat and on its offset, where its header starts.
+  CFeed feed{image_->bytes};
+  CSimRecoverJob job;
+  job.historyOnly = true;
+  std::vector<CSimFileEntry> reread;
+  job.files = [&](const std::vector<CSimFileEntry>& b) { reread.insert(reread.end(), b.begin(), b.end()); };
+  ASSERT_EQ(feed.Recover(job), CSimHaltReason::kSuccessful);
+  ASSERT_EQ(reread.size(), image_->files.size());
+  for (std::size_t i = 0; i < reread.size(); ++i) {
+    const CSimFileEntry& a = image_->files[i];
+    const CSimFileEntry& b = reread[i];
+    EXPECT_EQ(std::tie(a.path, a.type, a.mode, a.size, a.mtime, a.fhInfo),
+              std::tie(b.path, b.type, b.mode, b.size, b.mtime, b.fhInfo)) << a.path;
+    struct stat st;
+    lstat((source_->Path() + a.path).c_str(), &st);
+    EXPECT_EQ(a.node, st.st_ino) << a.path;
+  }
+  // Node-based: the directory entries rebuild every path; nodes are inodes.
+  CImage nodes;
+  ASSERT_EQ(Backup(source_->Path(), true, &nodes), CSimHaltReason::kSuccessful);
+  EXPECT_EQ(nodes.bytes, image_->bytes);
+  std::map<std::uint64_t, std::string> pathOf;
+  std::set<std::string> paths;
+  for (const CSimFileEntry& e : nodes.dirs) {
+    if (e.name == ".") {
+      EXPECT_EQ(e.parent, e.node);
+      pathOf[e.node] = "";
+    }
+  }
+  for (const CSimFileEntry& e : nodes.dirs) {
+    if (e.name != ".") pathOf[e.node] = pathOf.at(e.parent) + "/" + e.name;
+  }
+  for (const CSimFileEntry& e : nodes.nodes) {
+    paths.insert(pathOf[e.node].empty() ? "/" : pathOf[e.node]);
+    EXPECT_EQ(e.fhInfo, fh_.at(pathOf[e.node].empty() ? "/" : pathOf[e.node]));
+  }
+  std::set<std::string> expected;
+  for (const auto& [path, line] : *tree_) expected.insert(path);
+  EXPECT_EQ(nodes.dirs.size(), tree_->size());
+  EXPECT_EQ(paths, expected);
+}
+
+TEST_F(DataEngine, SelectiveRestoreReadsOnlyWhatItNeeds) {
+  const std::string utf8 = "/d1/d2/Grüße, 日本語 " + std::string(110, 'n') + ".txt";
+  const std::vector<std::string> three = {"/name with spaces.txt", utf8, "/d1/d2/d3/d4/deep.bin"};
+  const std::uint64_t kWrong = 1;  // the offset of another entry
+  struct Case {
+    std::vector<std::pair<std::string, std::uint64_t>> items;  // original, fhInfo (0 = the right one)
+    std::uint64_t slack;  // bounded bytes read beyond the items' own headers and data
+    bool wholePassLast;   // ends with one request for the whole image
+  } cases[] = {
+      {{{three[0], 0}, {three[1], 0}, {three[2], 0}}, 0, false},
+      {{{"/big.bin", 0}, {"/d1/d2", 0}}, kAll, false},  // subtree last: read on to its end
+      {{{"/sub3", 0}, {"/sub7/f7.empty", 0}}, 512, false},  // one header shows the subtree's end
+      {{{three[2], kWrong}, {"/sub5", 0}}, kAll, true},
+      {{{"/d1", kAll}}, kAll, true},
+  };
+  for (const Case& c : cases) {
+    CTempDir out;
+    CSimRecoverJob job;
+    Tree expected;
+    std::uint64_t needed = 0;
+    for (const auto& [path, fh] : c.items) {
+      std::string to = "/restored" + std::to_string(job.items.size());
+      std::uint64_t offset = fh == 0 ? fh_.at(path) : fh == kWrong ? fh_.at("/big.bin") : kAll;
+      job.items.push_back({path, out.Path() + to, offset});
+      Tree part = Part(*tree_, path, to), inside = Part(*tree_, path, path);
+      expected.insert(part.begin(), part.end());
+      std::uint64_t next = image_->bytes.size();  // where the item's subtree ends
+      for (const auto& [p, f] : fh_) {
+        if (f > fh_.at(path) && f < next && inside.count(p) == 0) next = f;
+      }
+      needed += next - fh_.at(path);
+    }
+    CFeed feed{image_->bytes};
+    ASSERT_EQ(feed.Recover(job), CSimHaltReason::kSuccessful) << c.items[0].first;
+    Tree restored = Snapshot(out.Path());
+    restored.erase("/");
+    EXPECT_EQ(restored, expected) << c.items[0].first;
+    std::uint64_t bounded = 0;
+    for (std::size_t i = 0; i < feed.requests.size(); ++i) {
+      bool toEnd = feed.requests[i].second == kAll;
+      EXPECT_TRUE(!toEnd || i + 1 == feed.requests.size()) << c.items[0].first;
+      bounded += toEnd ? 0 : feed.requests[i].second;
+    }
+    EXPECT_EQ(feed.requests.back().first == 0 && feed.requests.back().second == kAll,
+              c.wholePassLast) << c.items[0].first;
+    EXPECT_TRUE(c.slack == kAll || bounded == needed + c.slack) << c.items[0].first << bounded;
+  }
+}
+
+TEST(DataEngineRefusals, ResolveUnderRootKeepsInsideTheRoot) {
+  CTempDir dir;
+  std::string root = dir.File("root");
+  mkdir(root.c_str(), 0755);
+  mkdir((root + "/in").c_str(), 0755);
+  mkdir(dir.File("out").c_str(), 0755);
+  symlink("../out", (root + "/escape").c_str());
+  symlink("in", (root + "/alias").c_str());
+  WriteRandomFile(root + "/in/file", 10, 1);
+  struct {
+    std::string path;
+    bool mustExist;
+    std::string host;  // empty = refused
+  } cases[] = {
+      {"/", true, root},
+      {"/in/./file", true, root + "/in/file"},
+      {"/alias/file", true, root + "/in/file"},
+      {"/in/new/deeper", false, root + "/in/new/deeper"},
+      {"/in/new", true, ""},
+      {"/in/../../out", false, ""},
+      {"/escape", true, ""},
+      {"/escape/new", false, ""},
+      {"/in/file/below", false, ""},
+      {"relative", false, ""},
+  };
+  for (const auto& c : cases) {
+    std::string host, error;
+    bool ok = ResolveUnderRoot(root, c.path, c.mustExist, &host, &error);
+    EXPECT_EQ(ok, !c.host.empty()) << c.path << ": " << error;
+    EXPECT_EQ(ok ? host : error.empty() ? "" : "refused", ok ? c.host : "refused") << c.path;
+  }
+}
+
+TEST(DataEngineRefusals, HostileImageAndFailingPeersEndCleanly) {
+  CTempDir dir;
+  std::string image;
+  auto add = [&](const std::string& name, char type, const std::string& link, const std::string& data) {
+    CTarEntry e;
+    e.name = name, e.type = type, e.linkName = link, e.mode = 0644, e.size = data.size();
+    image += EncodeTarHeader(e) + data + std::string(TarPadded(data.size()) - data.size(), '\0');
+  };
+  mkdir(dir.File("outside").c_str(), 0755);
+  add("../escaped", '0', "", "x");
+  add("./a/../../escaped", '0', "", "x");
+  add("/abs/file", '0', "", "kept");
+  add("./planted", '2', dir.File("outside"), "");
+  add("./planted/pwned", '0', "", "x");
+  image += std::string(1024, '\0');
+  CFeed feed{image};
+  CSimRecoverJob job;
+  job.items = {{"/", dir.File("dest"), kAll}};
+  EXPECT_EQ(feed.Recover(job), CSimHaltReason::kInternalError);  // the planted file failed
+  EXPECT_EQ(ReadFile(dir.File("dest/abs/file")), "kept");
+  EXPECT_TRUE(std::filesystem::is_empty(dir.File("outside")));
+  EXPECT_FALSE(std::filesystem::exists(dir.File("escaped")));
+  EXPECT_GE(feed.logs.size(), 4u);
+
+  // Truncated and corrupt images; a peer that stops taking the backup; an abort.
+  std::string truncated = image.substr(0, 700), corrupt = image;
+  corrupt[3] ^= 1;
+  for (auto [bytes, want] : {std::make_pair(&truncated, CSimHaltReason::kConnectError),
+                             std::make_pair(&corrupt, CSimHaltReason::kInternalError)}) {
+    CFeed bad{*bytes};
+    EXPECT_EQ(bad.Recover(job), want);
+  }
+  mkdir(dir.File("src").c_str(), 0755);
+  WriteRandomFile(dir.File("src/big"), 1 << 20, 9);
+  CImage partial;
+  EXPECT_EQ(Backup(dir.File("src"), false, &partial, [](std::size_t n) { return n < 300000; }),
+            CSimHaltReason::kConnectError);
+  std::atomic<bool> abort{true};
+  CSimBackupJob aborted;
+  aborted.hostRoot = dir.File("src");
+  aborted.abort = &abort;
+  EXPECT_EQ(RunBackup(aborted), CSimHaltReason::kAborted);
+}
+
+TEST(DataEngineRefusals, BackupSkipsWhatItCannotRead) {
+  CTempDir dir;
+  std::string src = dir.File("src");
+  mkdir(src.c_str(), 0755);
+  WriteRandomFile(src + "/a", 300000, 1);
+  WriteRandomFile(src + "/vanishes", 10, 2);
+  ASSERT_EQ(mkfifo((src + "/fifo").c_str(), 0644), 0);
+  CImage image;
+  // The first write removes a file the walk has listed but not yet reached.
+  auto removeOnce = [&](std::size_t) { return unlink((src + "/vanishes").c_str()) == 0 || true; };
+  ASSERT_EQ(Backup(src, false, &image, removeOnce), CSimHaltReason::kSuccessful);
+  std::set<std::string> paths;
+  for (const CSimFileEntry& e : image.files) paths.insert(e.path);
+  EXPECT_EQ(paths, (std::set<std::string>{"/", "/a"}));
+  int warnings = 0;
+  for (const auto& [level, text] : image.logs) warnings += level == 1;
+  EXPECT_EQ(warnings, 2);
+}
+
+}  // namespace
+}  // namespace com::vx::korvane::ndmpc::tools

@@ -1,0 +1,58 @@
+// What every agent of the simulated server gets from its session: the
+// request being answered (with the means to answer it) and the session's
+// surroundings (server, log, a way to send posts from any thread).
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "ndmpc/foundation/vx_log.h"
+#include "ndmpc/ndmp/connection/connection.h"
+#include "ndmpc/ndmp/messages/message_packet.h"
+
+namespace com::vx::korvane::ndmpc::tools {
+
+class CNDMPSimServer;
+
+// One request on the session thread, and its reply.
+class CSimRequest {
+ public:
+  CSimRequest(CNDMPConnection& connection, CNDMPMessagePacket& packet)
+      : connection_(connection), packet_(packet) {}
+  // The decoded body, or null when it is not of type T.
+  template <class T>
+  T* Body() {
+    return dynamic_cast<T*>(packet_.GetMessage());
+  }
+  void Reply(CNDMPMessage& reply) {
+    connection_.SendMessage(reply, packet_.GetHeader().Sequence.getInt32());
+  }
+  // Answers with a bare error header.
+  void Fail(unsigned int error) {
+    const CNDMPHeader& header = packet_.GetHeader();
+    connection_.SendNDMPError(
+        CXDREnumBase<enums::CNDMPMessageType>(enums::CNDMPMessageType::NDMP_MESSAGE_REPLY),
+        header.MessageCode, CXDREnumBase<enums::CNDMPError>(error), header.Sequence.getInt32());
+  }
+  CNDMPConnection& Connection() { return connection_; }
+  unsigned int Version() const { return connection_.GetProtocolVersion().getInt32(); }
+
+ private:
+  CNDMPConnection& connection_;
+  CNDMPMessagePacket& packet_;
+};
+
+struct CSimAgentContext {
+  CNDMPSimServer& server;
+  VxLog& log;
+  unsigned int id;
+  // The address the client reached this server at: data connections listen there.
+  std::string localAddress;
+  // Sends a post (sequence of its own, no reply) to the client; safe from
+  // any thread while the session runs.
+  std::function<void(CNDMPMessage&)> post;
+  // The agreed protocol version.
+  std::function<unsigned int()> version;
+};
+
+}  // namespace com::vx::korvane::ndmpc::tools
