@@ -500,7 +500,7 @@ Example:
   }
   if (command == "backup") {
     return R"(Usage: ndmpc [OPTIONS] backup FILESYSTEM --tape DEVICE [--type tar|dump]
-                   [--env NAME=VALUE]... [--record-size N]
+                   [--env NAME=VALUE]... [--record-size N] [--file N] [--no-rewind]
                    [--tape-host HOST[:PORT] [--tape-user U --tape-password P]]
 
 Backs FILESYSTEM of the -H server's data agent up to tape DEVICE. Without
@@ -511,7 +511,8 @@ holds FILESYSTEM and HIST=y (file history is counted as files) unless --env
 sets them. On a terminal a progress bar shows bytes, rate and files; then one
 summary line, or with --json the outcome, bytes, files, duration, halt
 reasons and the data agent's environment (keep it for the restore).
-Ctrl-C aborts the job (both agents are aborted, the tape is closed).
+The tape is rewound first unless --no-rewind; --file N writes after N
+filemarks. Ctrl-C aborts the job (both agents are aborted, the tape is closed).
 
 Examples:
   ndmpc -H filer1 -u ndmp backup /vol0 --tape nrst0a
@@ -520,13 +521,14 @@ Examples:
   }
   if (command == "restore") {
     return R"(Usage: ndmpc [OPTIONS] restore --tape DEVICE --to DIR [PATH...] [--type tar|dump]
-                   [--env NAME=VALUE]... [--record-size N]
+                   [--env NAME=VALUE]... [--record-size N] [--file N] [--no-rewind]
                    [--tape-host HOST[:PORT] [--tape-user U --tape-password P]]
 
 Restores the image on tape DEVICE into DIR on the -H server's data agent:
 all of it, or only the files and directories PATH (as they were named in
 the backup, e.g. /home/a.txt), each to DIR/PATH. Give the --type and --env
-of the backup. The tape agent is chosen as for backup.
+of the backup. The tape is rewound first unless --no-rewind; --file N reads
+the image after N filemarks. The tape agent is chosen as for backup.
 
 Examples:
   ndmpc -H filer1 -u ndmp restore --tape nrst0a --to /restored

@@ -6,7 +6,7 @@ namespace com::vx::korvane::ndmpc {
 
 namespace {
 
-CNDMPHistoryStat ToStat(const CNDMPFileStat &s) {
+CNDMPHistoryStat ToStat(const CNDMPFileStat& s) {
   CNDMPHistoryStat stat;
   stat.fileType = s.FileType.getInt32();
   stat.mtime = s.MTime.getInt32();
@@ -22,54 +22,49 @@ CNDMPHistoryStat ToStat(const CNDMPFileStat &s) {
 
 // A name list holds one name per file-system type; the UNIX one is preferred,
 // else the first that carries text.
-std::string PickName(CXDRArray<CNDMPFileName> &names) {
+std::string PickName(CXDRArray<CNDMPFileName>& names) {
   std::string fallback;
-  for (CNDMPFileName &n : names) {
+  for (CNDMPFileName& n : names) {
     switch (n.FileSystemType.getInt32()) {
-    case enums::CNDMPEnumFSType::NDMP_FS_UNIX:
-      return n.UnixFileName.GetString();
-    case enums::CNDMPEnumFSType::NDMP_FS_NT:
-      if (fallback.empty())
-        fallback = n.WindowsFileName.NTPath.GetString();
-      break;
-    default:
-      if (fallback.empty())
-        fallback = n.OtherFileName.GetString();
-      break;
+      case enums::CNDMPEnumFSType::NDMP_FS_UNIX:
+        return n.UnixFileName.GetString();
+      case enums::CNDMPEnumFSType::NDMP_FS_NT:
+        if (fallback.empty()) fallback = n.WindowsFileName.NTPath.GetString();
+        break;
+      default:
+        if (fallback.empty()) fallback = n.OtherFileName.GetString();
+        break;
     }
   }
   return fallback;
 }
 
-} // namespace
+}  // namespace
 
-unsigned int
-CNDMPFileHistoryHandler::HandleMessagePacket(CNDMPMessagePacket &packet) {
-  CNDMPMessage *body = packet.GetMessage();
-  if (auto *files = dynamic_cast<CNDMPFhAddFilePost *>(body)) {
-    for (CNDMPFile &f : files->Files) {
+unsigned int CNDMPFileHistoryHandler::HandleMessagePacket(CNDMPMessagePacket& packet) {
+  CNDMPMessage* body = packet.GetMessage();
+  if (auto* files = dynamic_cast<CNDMPFhAddFilePost*>(body)) {
+    for (CNDMPFile& f : files->Files) {
       CNDMPHistoryFile entry;
       entry.path = PickName(f.FileNameList);
-      if (f.FileStatList.size() > 0)
-        entry.stat = ToStat(f.FileStatList[0]);
+      if (f.FileStatList.size() > 0) entry.stat = ToStat(f.FileStatList[0]);
       entry.node = f.Node.getUint64();
       entry.fhInfo = f.FileHistInfo.getUint64();
       sink_.AddFile(entry);
       entries_.fetch_add(1);
     }
-  } else if (auto *dirs = dynamic_cast<CNDMPFhAddDirPost *>(body)) {
-    for (CNDMPDir &d : dirs->Directories) {
+  } else if (auto* dirs = dynamic_cast<CNDMPFhAddDirPost*>(body)) {
+    for (CNDMPDir& d : dirs->Directories) {
       CNDMPHistoryDir entry;
       entry.name = PickName(d.DirNameList);
       entry.node = d.Node.getUint64();
       entry.parent = d.Parent.getUint64();
       sink_.AddDir(entry);
     }
-  } else if (auto *nodes = dynamic_cast<CNDMPFhAddNodePost *>(body)) {
-    for (CNDMPNode &n : nodes->Nodes) {
+  } else if (auto* nodes = dynamic_cast<CNDMPFhAddNodePost*>(body)) {
+    for (CNDMPNode& n : nodes->Nodes) {
       CNDMPHistoryNode entry;
-      if (n.Stats.size() > 0)
-        entry.stat = ToStat(n.Stats[0]);
+      if (n.Stats.size() > 0) entry.stat = ToStat(n.Stats[0]);
       entry.node = n.Node.getUint64();
       entry.fhInfo = n.FileHistInfo.getUint64();
       sink_.AddNode(entry);
@@ -79,4 +74,4 @@ CNDMPFileHistoryHandler::HandleMessagePacket(CNDMPMessagePacket &packet) {
   return 0;
 }
 
-} // namespace com::vx::korvane::ndmpc
+}  // namespace com::vx::korvane::ndmpc

@@ -21,8 +21,7 @@ namespace com::vx::korvane::ndmpc {
 
 // The stat fields NDMP carries for one file (times in seconds since 1970).
 struct CNDMPHistoryStat {
-  unsigned int fileType =
-      0; // an enums::CNDMPEnumFileType value (NDMP_FILE_DIR ...)
+  unsigned int fileType = 0;  // an enums::CNDMPEnumFileType value (NDMP_FILE_DIR ...)
   unsigned int mtime = 0, atime = 0, ctime = 0;
   unsigned int owner = 0, group = 0;
   unsigned int fsAttributes = 0;
@@ -35,8 +34,7 @@ struct CNDMPHistoryFile {
   std::string path;
   CNDMPHistoryStat stat;
   std::uint64_t node = 0;
-  std::uint64_t fhInfo =
-      0; // where the file starts in the image, as the agent reports it
+  std::uint64_t fhInfo = 0;  // where the file starts in the image, as the agent reports it
 };
 
 // Node-based directory entry (NDMP_FH_ADD_DIR): `name` inside directory
@@ -56,26 +54,26 @@ struct CNDMPHistoryNode {
 
 // Receives the entries; each operation defaults to ignoring its entry.
 class CINDMPFileHistorySink {
-public:
+ public:
   virtual ~CINDMPFileHistorySink() = default;
-  virtual void AddFile(const CNDMPHistoryFile & /*entry*/) {}
-  virtual void AddDir(const CNDMPHistoryDir & /*entry*/) {}
-  virtual void AddNode(const CNDMPHistoryNode & /*entry*/) {}
+  virtual void AddFile(const CNDMPHistoryFile& /*entry*/) {}
+  virtual void AddDir(const CNDMPHistoryDir& /*entry*/) {}
+  virtual void AddNode(const CNDMPHistoryNode& /*entry*/) {}
 };
 
 // The callback that decodes the three file-history posts into a sink;
 // register it (without a code filter) on the data agent's connection.
 class CNDMPFileHistoryHandler : public CINDMPCallback {
-public:
-  explicit CNDMPFileHistoryHandler(CINDMPFileHistorySink &sink) : sink_(sink) {}
+ public:
+  explicit CNDMPFileHistoryHandler(CINDMPFileHistorySink& sink) : sink_(sink) {}
   // Always 0; packets other than the three posts are ignored.
-  unsigned int HandleMessagePacket(CNDMPMessagePacket &packet) override;
+  unsigned int HandleMessagePacket(CNDMPMessagePacket& packet) override;
   // Entries delivered so far (files + nodes); read from any thread.
   std::uint64_t Entries() const { return entries_.load(); }
 
-private:
-  CINDMPFileHistorySink &sink_;
+ private:
+  CINDMPFileHistorySink& sink_;
   std::atomic<std::uint64_t> entries_{0};
 };
 
-} // namespace com::vx::korvane::ndmpc
+}  // namespace com::vx::korvane::ndmpc

@@ -38,24 +38,24 @@ enum class CNDMPJobOutcome { kSucceeded, kFailed, kAborted };
 
 // A snapshot of a running job.
 struct CNDMPJobProgress {
-  std::uint64_t dataBytes = 0;      // bytes the data agent has processed
-  std::uint64_t tapeBytes = 0;      // bytes the mover has moved
-  std::uint64_t historyEntries = 0; // file-history files and nodes so far
-  unsigned int dataState = 0;       // an enums::CNDMPEnumDataState value
-  unsigned int moverState = 0;      // an enums::CNDMPEnumMoverState value
-  double seconds = 0;               // since the job started
+  std::uint64_t dataBytes = 0;       // bytes the data agent has processed
+  std::uint64_t tapeBytes = 0;       // bytes the mover has moved
+  std::uint64_t historyEntries = 0;  // file-history files and nodes so far
+  unsigned int dataState = 0;        // an enums::CNDMPEnumDataState value
+  unsigned int moverState = 0;       // an enums::CNDMPEnumMoverState value
+  double seconds = 0;                // since the job started
 };
 
 // What the application hears while a job runs; every operation is optional.
 class CINDMPJobObserver {
-public:
+ public:
   virtual ~CINDMPJobObserver() = default;
   // After each state poll, on the thread that runs the job.
-  virtual void OnProgress(const CNDMPJobProgress & /*progress*/) {}
+  virtual void OnProgress(const CNDMPJobProgress& /*progress*/) {}
   // Each log post of either agent ("data" or "tape"), with its
   // enums::CNDMPEnumLogType, on that connection's dispatch thread.
-  virtual void OnLog(const char * /*agent*/, unsigned int /*logType*/,
-                     const std::string & /*text*/) {}
+  virtual void OnLog(const char* /*agent*/, unsigned int /*logType*/, const std::string& /*text*/) {
+  }
   // The mover paused at the end of a tape: end of medium while backing up,
   // end of the data on tape while restoring. Returns the device of the next
   // tape, which the job opens before it lets the mover continue, or "" to
@@ -66,19 +66,21 @@ public:
 };
 
 struct CNDMPJobSettings {
-  CNDMPConnection *data = nullptr; // the data agent's connection
-  CNDMPConnection *tape =
-      nullptr; // the tape agent's; the same object for two-way
+  CNDMPConnection* data = nullptr;  // the data agent's connection
+  CNDMPConnection* tape = nullptr;  // the tape agent's; the same object for two-way
   std::string tapeDevice;
   unsigned int recordSize = 65536;
+  // Each tape is rewound once opened; the image is then written or read
+  // after `tapeFile` filemarks of the first tape.
+  bool rewind = true;
+  unsigned int tapeFile = 0;
   std::string backupType = "tar";
-  CNDMPEnvironment environment; // a restore passes the backup's environment
-  CINDMPJobObserver *observer = nullptr;
-  CINDMPFileHistorySink *history = nullptr;
-  unsigned int requestTimeout = 3; // seconds an agent has to answer a request
-  unsigned int pollMilliseconds = 500; // between state polls
-  unsigned int haltTimeout =
-      30; // seconds the second agent has to halt after the first
+  CNDMPEnvironment environment;  // a restore passes the backup's environment
+  CINDMPJobObserver* observer = nullptr;
+  CINDMPFileHistorySink* history = nullptr;
+  unsigned int requestTimeout = 3;      // seconds an agent has to answer a request
+  unsigned int pollMilliseconds = 500;  // between state polls
+  unsigned int haltTimeout = 30;        // seconds the second agent has to halt after the first
 };
 
 // One item of a restore: `originalPath` in the image ("/" for all of it)
@@ -92,25 +94,24 @@ struct CNDMPRestoreItem {
 
 struct CNDMPJobResult {
   CNDMPJobOutcome outcome = CNDMPJobOutcome::kFailed;
-  std::string error;        // what failed and on which agent; empty on success
-  unsigned int refusal = 0; // the NDMP error of a refused request, else 0
-  bool agentLost =
-      false; // an agent's connection dropped or it stopped answering
-  std::uint64_t bytes = 0;     // the data agent's bytes processed
-  std::uint64_t tapeBytes = 0; // the mover's bytes moved
+  std::string error;            // what failed and on which agent; empty on success
+  unsigned int refusal = 0;     // the NDMP error of a refused request, else 0
+  bool agentLost = false;       // an agent's connection dropped or it stopped answering
+  std::uint64_t bytes = 0;      // the data agent's bytes processed
+  std::uint64_t tapeBytes = 0;  // the mover's bytes moved
   std::uint64_t historyEntries = 0;
   double seconds = 0;
-  unsigned int dataHaltReason = 0;  // an enums::CNDMPEnumDataHaltReason value
-  unsigned int moverHaltReason = 0; // an enums::CNDMPEnumMoverHaltReason value
+  unsigned int dataHaltReason = 0;   // an enums::CNDMPEnumDataHaltReason value
+  unsigned int moverHaltReason = 0;  // an enums::CNDMPEnumMoverHaltReason value
   unsigned int tapesUsed = 0;
-  CNDMPEnvironment environment; // NDMP_DATA_GET_ENV after a backup
+  CNDMPEnvironment environment;  // NDMP_DATA_GET_ENV after a backup
 };
 
 // The common machinery of both jobs; use CNDMPBackupJob or CNDMPRestoreJob.
 class CNDMPJob {
-public:
-  CNDMPJob(const CNDMPJob &) = delete;
-  CNDMPJob &operator=(const CNDMPJob &) = delete;
+ public:
+  CNDMPJob(const CNDMPJob&) = delete;
+  CNDMPJob& operator=(const CNDMPJob&) = delete;
   virtual ~CNDMPJob();
 
   // Runs the job to its end on the calling thread. Call once.
@@ -119,19 +120,19 @@ public:
   // before Run (the job then aborts as soon as it starts).
   void Abort();
 
-protected:
+ protected:
   CNDMPJob(CNDMPJobSettings settings, bool backup);
   // Sends the start request to the data agent; NDMP_NO_ERR or why not.
   virtual CXDREnumBase<enums::CNDMPError> StartData() = 0;
-  const CNDMPJobSettings &Settings() const { return settings_; }
+  const CNDMPJobSettings& Settings() const { return settings_; }
   // Sends a request to the data agent with the job's bounded wait.
-  CXDREnumBase<enums::CNDMPError> AskData(CNDMPMessage &request);
+  CXDREnumBase<enums::CNDMPError> AskData(CNDMPMessage& request);
 
-private:
+ private:
   class CWatcher;
 
   bool Prepare();
-  bool OpenTape(const std::string &device);
+  bool OpenTape(const std::string& device);
   // Waits for a post or Abort, at most `limit`; true when woken.
   bool WaitForWake(std::chrono::milliseconds limit);
   void Monitor();
@@ -140,63 +141,62 @@ private:
   bool PollMover();
   bool ChangeTape();
   // Records why the job failed; the first reason stays.
-  void Fail(const std::string &text);
-  void Refused(const CXDREnumBase<enums::CNDMPError> &error);
+  void Fail(const std::string& text);
+  void Refused(const CXDREnumBase<enums::CNDMPError>& error);
   // One request to an agent with the job's bounded wait; marks the agent
   // unreachable when it does not answer. Returns the reply's first error.
-  CXDREnumBase<enums::CNDMPError> Ask(bool dataAgent, CNDMPMessage &request,
-                                      CNDMPMessage **reply = nullptr);
+  CXDREnumBase<enums::CNDMPError> Ask(bool dataAgent, CNDMPMessage& request,
+                                      CNDMPMessage** reply = nullptr);
   std::string AgentName(bool dataAgent) const;
   void Wake();
 
   CNDMPJobSettings settings_;
   const bool backup_;
-  CWatcher *dataWatcher_ = nullptr;
-  CWatcher *tapeWatcher_ = nullptr; // three-way only
-  CNDMPFileHistoryHandler *historyHandler_ = nullptr;
-  std::vector<std::pair<CNDMPConnection *, CNDMPCallbackRegistration *>>
-      registrations_;
+  CWatcher* dataWatcher_ = nullptr;
+  CWatcher* tapeWatcher_ = nullptr;  // three-way only
+  CNDMPFileHistoryHandler* historyHandler_ = nullptr;
+  std::vector<std::pair<CNDMPConnection*, CNDMPCallbackRegistration*>> registrations_;
   std::atomic<bool> abort_{false};
-  std::atomic<bool> readFailed_{
-      false}; // a NDMP_MOVER_READ for the data agent was refused
+  std::atomic<bool> readFailed_{false};  // a NDMP_MOVER_READ for the data agent was refused
 
   std::mutex mutex_;
   std::condition_variable wake_;
-  bool woken_ = false; // guarded by mutex_: a post arrived or Abort was called
+  bool woken_ = false;  // guarded by mutex_: a post arrived or Abort was called
 
   // Touched only by the thread running the job.
   CNDMPJobResult result_;
   bool dataHalted_ = false, moverHalted_ = false;
-  bool dataLost_ = false, tapeLost_ = false; // the agent no longer answers
+  bool dataLost_ = false, tapeLost_ = false;  // the agent no longer answers
   unsigned int dataState_ = 0, moverState_ = 0, pauseReason_ = 0;
-  bool started_ = false;     // the data agent accepted the start
-  bool dataActive_ = false;  // the data agent was connected to the mover
-  bool moverActive_ = false; // the mover was listening
+  std::uint64_t seekPosition_ = 0;  // the mover's, while paused
+  bool started_ = false;      // the data agent accepted the start
+  bool dataActive_ = false;   // the data agent was connected to the mover
+  bool moverActive_ = false;  // the mover was listening
   bool tapeOpen_ = false;
   std::chrono::steady_clock::time_point start_;
+  std::uint64_t lastDataBytes_ = 0;
+  std::chrono::steady_clock::time_point lastDataProgress_;  // when the data bytes last grew
 };
 
 class CNDMPBackupJob : public CNDMPJob {
-public:
-  explicit CNDMPBackupJob(CNDMPJobSettings settings)
-      : CNDMPJob(std::move(settings), true) {}
+ public:
+  explicit CNDMPBackupJob(CNDMPJobSettings settings) : CNDMPJob(std::move(settings), true) {}
 
-protected:
+ protected:
   CXDREnumBase<enums::CNDMPError> StartData() override;
 };
 
 class CNDMPRestoreJob : public CNDMPJob {
-public:
+ public:
   // At least one item; {"/", dir} restores the whole image into dir.
-  CNDMPRestoreJob(CNDMPJobSettings settings,
-                  std::vector<CNDMPRestoreItem> items)
+  CNDMPRestoreJob(CNDMPJobSettings settings, std::vector<CNDMPRestoreItem> items)
       : CNDMPJob(std::move(settings), false), items_(std::move(items)) {}
 
-protected:
+ protected:
   CXDREnumBase<enums::CNDMPError> StartData() override;
 
-private:
+ private:
   std::vector<CNDMPRestoreItem> items_;
 };
 
-} // namespace com::vx::korvane::ndmpc
+}  // namespace com::vx::korvane::ndmpc
