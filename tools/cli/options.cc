@@ -525,14 +525,14 @@ Examples:
                    [--tape-host HOST[:PORT] [--tape-user U --tape-password P]]
 
 Restores the image on tape DEVICE into DIR on the -H server's data agent:
-all of it, or only the files and directories PATH (as they were named in
-the backup, e.g. /home/a.txt), each to DIR/PATH. Give the --type and --env
+all of it, or only the files and directories PATH (named relative to the
+backed-up FILESYSTEM: /alice/a.txt of a backup of /home), each to DIR/PATH. Give the --type and --env
 of the backup. The tape is rewound first unless --no-rewind; --file N reads
 the image after N filemarks. The tape agent is chosen as for backup.
 
 Examples:
   ndmpc -H filer1 -u ndmp restore --tape nrst0a --to /restored
-  ndmpc -H filer1 -u ndmp restore --tape nrst0a --to /restored /home/a.txt /etc
+  ndmpc -H filer1 -u ndmp restore --tape nrst0a --to /restored /alice/a.txt /bob
 )";
   }
   if (command == "serve") {
