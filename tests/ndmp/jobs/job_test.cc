@@ -255,21 +255,33 @@ void BuildLongBackup(const std::string& root) {
   fs::resize_file(root + "/src/sparse", 3ull << 30);
 }
 
+// A backup running on another thread, caught once it has moved data.
+struct CRunningBackup {
+  CRunningBackup(CNDMPConnection& data, CNDMPConnection& tape, const std::string& device) {
+    CNDMPJobSettings s = Settings(data, tape, device);
+    s.observer = &observer;
+    job = std::make_unique<CNDMPBackupJob>(s);
+    result = std::async(std::launch::async, [this] { return job->Run(); });
+  }
+  bool Running() {
+    return observer.running.get_future().wait_for(std::chrono::seconds(60)) ==
+           std::future_status::ready;
+  }
+  CObserver observer;
+  std::unique_ptr<CNDMPBackupJob> job;
+  std::future<CNDMPJobResult> result;
+};
+
 TEST(JobEnd, AbortHaltsBothAgentsAndALostDataAgentEndsTheJobQuickly) {
   CTempDir root;
   BuildLongBackup(root.Path());
   CSimFixture sim(DataConfig(root.Path(), 8ull << 30));
   {
     CClient client(sim.Port());
-    CObserver observer;
-    CNDMPJobSettings s = Settings(client.connection, client.connection, "t1");
-    s.observer = &observer;
-    CNDMPBackupJob job(s);
-    auto result = std::async(std::launch::async, [&job] { return job.Run(); });
-    ASSERT_EQ(observer.running.get_future().wait_for(std::chrono::seconds(60)),
-              std::future_status::ready);
-    job.Abort();
-    const CNDMPJobResult r = result.get();
+    CRunningBackup backup(client.connection, client.connection, "t1");
+    ASSERT_TRUE(backup.Running());
+    backup.job->Abort();
+    const CNDMPJobResult r = backup.result.get();
     EXPECT_EQ(r.outcome, Outcome::kAborted) << r.error;
     EXPECT_EQ(r.dataHaltReason, enums::CNDMPEnumDataHaltReason::NDMP_DATA_HALT_ABORTED);
     EXPECT_NE(r.moverHaltReason, enums::CNDMPEnumMoverHaltReason::NDMP_MOVER_HALT_NA);
@@ -285,16 +297,11 @@ TEST(JobEnd, AbortHaltsBothAgentsAndALostDataAgentEndsTheJobQuickly) {
   auto dataServer = std::make_unique<CSimFixture>(DataConfig(root.Path(), 8ull << 30));
   CClient data(dataServer->Port());
   CClient tape(sim.Port());
-  CObserver observer;
-  CNDMPJobSettings s = Settings(data.connection, tape.connection, "t2");
-  s.observer = &observer;
-  CNDMPBackupJob job(s);
-  auto result = std::async(std::launch::async, [&job] { return job.Run(); });
-  ASSERT_EQ(observer.running.get_future().wait_for(std::chrono::seconds(60)),
-            std::future_status::ready);
+  CRunningBackup backup(data.connection, tape.connection, "t2");
+  ASSERT_TRUE(backup.Running());
   const auto stopped = std::chrono::steady_clock::now();
   dataServer.reset();
-  const CNDMPJobResult r = result.get();
+  const CNDMPJobResult r = backup.result.get();
   EXPECT_LT(std::chrono::steady_clock::now() - stopped, std::chrono::seconds(5));
   EXPECT_EQ(r.outcome, Outcome::kFailed);
   EXPECT_NE(r.error.find("data agent"), std::string::npos) << r.error;
