@@ -1,7 +1,7 @@
 // Whole backups through the job layer: a two-way backup by the simulated
 // server's data agent and mover on loopback, of a tree of large files and of
-// a tree of many small files, next to `tar -cf - DIR > /dev/null` on the same
-// tree in the same run (the ratio counter is job rate / tar rate).
+// a tree of many small files, next to `tar -cf - DIR | cat > /dev/null` on the
+// same tree in the same run (the ratio counter is job rate / tar rate).
 #include <benchmark/benchmark.h>
 #include <sys/stat.h>
 
@@ -69,10 +69,11 @@ CBenchTrees& Trees() {
   return trees;
 }
 
-// Seconds `tar -cf - DIR > /dev/null` takes.
+// Seconds tar takes to archive DIR.
 double TarSeconds(const std::string& dir) {
   const Clock::time_point start = Clock::now();
-  const std::string command = "tar -cf - -C '" + dir + "' . > /dev/null";
+  // Through a pipe: GNU tar writing straight to /dev/null skips reading the files.
+  const std::string command = "tar -cf - -C '" + dir + "' . | cat > /dev/null";
   if (std::system(command.c_str()) != 0) return 0;
   return Seconds(start);
 }
