@@ -1,8 +1,20 @@
 // The simulated server through the library: negotiation, authentication,
-// the tape agent, many clients at once and clients that send garbage.
+// the tape agent, many clients at once, clients that send garbage, and the
+// data agent and mover driven by raw requests (backup, restore, pauses,
+// aborts, dropped data connections, requests in the wrong state).
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <chrono>
+#include <condition_variable>
 #include <cstring>
+#include <functional>
+#include <map>
+#include <mutex>
 #include <random>
 #include <string>
 #include <thread>
@@ -11,6 +23,9 @@
 #include "ndmpc/ndmp/connection/connection.h"
 #include "ndmpc/ndmp/helpers/tape_helper.h"
 #include "ndmpc/ndmp/messages/connect_config_messages.h"
+#include "ndmpc/ndmp/messages/data_mover_messages.h"
+#include "ndmpc/ndmp/messages/message_access.h"
+#include "ndmpc/ndmp/messages/notify_log_fh_messages.h"
 #include "ndmpc/ndmp/messages/scsi_tape_messages.h"
 #include "ndmpc/ndmp/messages/snapshot_messages.h"
 #include "tests/tools/tools_test_support.h"
@@ -341,6 +356,445 @@ TEST(SimServer, StopsWhileClientsAreConnected) {
   EXPECT_EQ(server.ActiveClients(), 0u);
   CNDMPConfigGetHostInfoRequest host;
   EXPECT_NE(idle.Ask(host), CNDMPError::NDMP_NO_ERR);
+}
+
+// ---------------------------------------------------------------------------
+// Data agent and mover
+
+using Code = enums::CNDMPMessageCode;
+using MoverMode = enums::CNDMPEnumMoverMode;
+using Addr = enums::CNDMPEnumAddrType;
+using DataHalt = enums::CNDMPEnumDataHaltReason;
+using MoverHalt = enums::CNDMPEnumMoverHaltReason;
+constexpr std::uint64_t kAll = ~0ull;
+constexpr unsigned int kRecord = 8192;
+
+// The posts a session receives, kept for the test thread.
+class CPosts : public CINDMPCallback {
+ public:
+  unsigned int HandleMessagePacket(CNDMPMessagePacket& packet) override {
+    if (packet.GetHeader().MessageType != enums::CNDMPMessageType::NDMP_MESSAGE_REQUEST) return 0;
+    std::lock_guard<std::mutex> lock(mutex_);
+    CNDMPMessage* body = packet.GetMessage();
+    ++count[packet.GetHeader().MessageCode.getInt32()];
+    if (auto* halt = dynamic_cast<CNDMPNotifyDataHaltedPost*>(body)) dataHalt = halt->Reason;
+    if (auto* halt = dynamic_cast<CNDMPNotifyMoverHaltedPost*>(body)) moverHalt = halt->Reason;
+    if (auto* pause = dynamic_cast<CNDMPNotifyMoverPausedPost*>(body))
+      pauses.push_back(pause->Reason);
+    if (auto* read = dynamic_cast<CNDMPNotifyDataReadPost*>(body)) {
+      reads.emplace_back(read->Offset.getUint64(), read->Length.getUint64());
+    }
+    if (auto* files = dynamic_cast<CNDMPFhAddFilePost*>(body)) {
+      for (auto& file : files->Files) {
+        fhInfo[file.FileNameList[0].UnixFileName.GetString()] = file.FileHistInfo.getUint64();
+      }
+    }
+    if (auto* nodes = dynamic_cast<CNDMPFhAddNodePost*>(body)) nodeCount += nodes->Nodes.size();
+    if (auto* dirs = dynamic_cast<CNDMPFhAddDirPost*>(body)) {
+      for (auto& dir : dirs->Directories)
+        dirNames.push_back(dir.DirNameList[0].UnixFileName.GetString());
+    }
+    changed_.notify_all();
+    return 0;
+  }
+  // Runs `check` under the lock until it holds; false after 30 s.
+  bool Wait(const std::function<bool()>& check) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::seconds(30), check);
+  }
+  template <class F>
+  auto With(F f) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return f();
+  }
+  void Reset() {
+    With([this] {
+      dataHalt = moverHalt = 0;
+      pauses.clear();
+      reads.clear();
+      return 0;
+    });
+  }
+
+  std::map<unsigned int, int> count;
+  unsigned int dataHalt = 0, moverHalt = 0;
+  std::vector<unsigned int> pauses;
+  std::vector<std::pair<std::uint64_t, std::uint64_t>> reads;
+  std::map<std::string, std::uint64_t> fhInfo;
+  std::size_t nodeCount = 0;
+  std::vector<std::string> dirNames;
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+};
+
+// A client of a server with a data root, its posts recorded.
+class CAgents {
+ public:
+  explicit CAgents(unsigned int port, unsigned int version = 4) : client_(port) {
+    EXPECT_TRUE(client_.Open("ndmp", "secret", version));
+    registration_ = client_->RegisterCallback(&posts);
+  }
+  ~CAgents() { client_->UnregisterCallback(registration_); }
+  CClient& operator*() { return client_; }
+  CClient* operator->() { return &client_; }
+
+  template <class R>
+  std::shared_ptr<R> Get(CNDMPMessage& request) {
+    CNDMPMessage* reply = nullptr;
+    if (client_->SendMessage(request, &reply, 10) != CNDMPError::NDMP_NO_ERR) return nullptr;
+    CNDMPConnection* connection = client_.get();
+    return std::shared_ptr<R>(dynamic_cast<R*>(reply),
+                              [connection, reply](R*) { connection->FreeMessage(reply); });
+  }
+  // Retries while a session that just ended still holds the tape.
+  unsigned int OpenTape(const char* name) {
+    return CNDMPTapeHelper::TapeOpen(client_.get(), name, Mode::NDMP_TAPE_RDWR_MODE, true)
+        .getInt32();
+  }
+  unsigned int Rewind() {
+    unsigned int resid = 0;
+    return CNDMPTapeHelper::TapeMTIO(client_.get(), Op::NDMP_MTIO_REW, 1, &resid).getInt32();
+  }
+  // Record size, window, a local mover listen in `mode`, and the data agent connected to it.
+  void Join(unsigned int mode) {
+    CNDMPMoverSetRecordSizeRequest size;
+    size.RecordLength = kRecord;
+    CNDMPMoverSetWindowRequest window;
+    window.Length = CNDMPUQuad(kAll);
+    CNDMPMoverListenRequest listen;
+    listen.Mode = CXDREnumBase<MoverMode>(mode);
+    listen.AddressType = Addr::NDMP_ADDR_LOCAL;
+    CNDMPDataConnectRequest connect;
+    connect.Address.AddressType = Addr::NDMP_ADDR_LOCAL;
+    for (CNDMPMessage* request : std::vector<CNDMPMessage*>{&size, &window, &listen, &connect}) {
+      ASSERT_EQ(client_.Ask(*request), CNDMPError::NDMP_NO_ERR)
+          << CNDMPMessageAccess::Code(*request).ToString();
+    }
+  }
+  unsigned int Backup(const std::string& type, const std::string& fileSystem) {
+    CNDMPDataStartBackupRequest start;
+    start.BUTypeName = type;
+    start.Environments.AddItem(CNDMPPVal("FILESYSTEM", fileSystem));
+    start.Environments.AddItem(CNDMPPVal("HIST", "y"));
+    return client_.Ask(start);
+  }
+  // Restores `original` (fh_info `fh`) to `destination`, answering each read
+  // request with NDMP_MOVER_READ; the data agent's halt reason.
+  unsigned int Restore(const std::string& original, const std::string& destination,
+                       std::uint64_t fh) {
+    CNDMPDataStartRecoverRequest start;
+    CNDMPName& name = start.NameList.AppendNew();
+    name.OriginalPath = original;
+    name.DestinationDir = destination;
+    name.FileHistoryInfo = CNDMPUQuad(fh);
+    start.BackupTypeName = "tar";
+    if (client_.Ask(start) != CNDMPError::NDMP_NO_ERR) return 0;
+    for (std::size_t answered = 0; answered < 1000; ++answered) {
+      std::pair<std::uint64_t, std::uint64_t> next{0, 0};
+      if (!posts.Wait([&] {
+            if (posts.reads.size() > answered) next = posts.reads[answered];
+            return posts.dataHalt != 0 || next.second != 0;
+          })) {
+        return 0;
+      }
+      if (next.second == 0) return posts.With([this] { return posts.dataHalt; });
+      CNDMPMoverReadRequest read;
+      read.Offset = CNDMPUQuad(next.first);
+      read.Length = CNDMPUQuad(next.second);
+      EXPECT_EQ(client_.Ask(read), CNDMPError::NDMP_NO_ERR);
+    }
+    return 0;
+  }
+  // Aborts whatever still runs and brings both agents back to idle.
+  void Idle() {
+    CNDMPDataAbortRequest dataAbort;
+    CNDMPMoverAbortRequest moverAbort;
+    CNDMPDataStopRequest dataStop;
+    CNDMPMoverStopRequest moverStop;
+    client_.Ask(dataAbort);
+    client_.Ask(moverAbort);
+    EXPECT_EQ(client_.Ask(dataStop), CNDMPError::NDMP_NO_ERR);
+    EXPECT_EQ(client_.Ask(moverStop), CNDMPError::NDMP_NO_ERR);
+    posts.Reset();
+  }
+  bool Halted() {
+    return posts.Wait([this] { return posts.dataHalt != 0 && posts.moverHalt != 0; });
+  }
+
+  CPosts posts;
+
+ private:
+  CClient client_;
+  CNDMPCallbackRegistration* registration_ = nullptr;
+};
+
+// A small tree under `root`/src; its files and their contents.
+std::map<std::string, std::string> MakeTree(const std::string& root) {
+  for (const char* dir : {"/src", "/src/dir", "/src/dir/sub with space"}) {
+    ::mkdir((root + dir).c_str(), 0755);
+  }
+  std::map<std::string, std::string> files;
+  const std::pair<const char*, std::size_t> sizes[] = {
+      {"/a.txt", 1000}, {"/empty", 0}, {"/dir/b.bin", 300000}, {"/dir/sub with space/c", 5000}};
+  unsigned int seed = 1;
+  for (const auto& [name, size] : sizes)
+    files[name] = WriteRandomFile(root + "/src" + name, size, seed++);
+  return files;
+}
+
+CSimServerConfig DataConfig(const std::string& root, std::uint64_t capacity = 1ull << 30) {
+  CSimServerConfig config = CSimFixture::DefaultConfig();
+  config.dataRoot = root;
+  config.tapeCapacity = capacity;
+  return config;
+}
+
+TEST(SimAgents, TwoWayBackupAndRestoreThroughOneSession) {
+  struct CCase {
+    unsigned int version;
+    const char* type;
+  };
+  for (const CCase& c : {CCase{3, "tar"}, CCase{4, "dump"}}) {
+    SCOPED_TRACE(c.type);
+    CTempDir root;
+    const auto files = MakeTree(root.Path());
+    CSimFixture sim(DataConfig(root.Path()));
+    CAgents agents(sim.Port(), c.version);
+    ASSERT_EQ(agents.OpenTape("t"), CNDMPError::NDMP_NO_ERR);
+    agents.Join(MoverMode::NDMP_MOVER_MODE_READ);
+    ASSERT_EQ(agents.Backup(c.type, "/src"), CNDMPError::NDMP_NO_ERR);
+    ASSERT_TRUE(agents.Halted());
+    EXPECT_EQ(agents.posts.dataHalt, DataHalt::NDMP_DATA_HALT_SUCCESSFUL);
+    EXPECT_EQ(agents.posts.moverHalt, MoverHalt::NDMP_MOVER_HALT_CONNECTION_CLOSED);
+    EXPECT_GE(agents.posts.count[Code::NDMP_LOG_MESSAGE], 2);
+    CNDMPDataGetEnvRequest getEnv;
+    auto env = agents.Get<CNDMPDataGetEnvReply>(getEnv);
+    ASSERT_TRUE(env && env->Environments.size() == 3);  // FILESYSTEM, HIST, TYPE
+    EXPECT_EQ(env->Environments[2].Value.GetString(), c.type);
+    CNDMPMoverGetStateRequest getMover;
+    auto mover = agents.Get<CNDMPMoverGetStateReply>(getMover);
+    ASSERT_TRUE(mover);
+    const std::uint64_t moved = mover->BytesMoved.getUint64();
+    EXPECT_EQ(moved, std::uint64_t{mover->RecordNum} * kRecord);
+    EXPECT_GT(moved, 306000u);
+    if (c.version == 3) {
+      // Path history: every file and directory, each at its header's offset.
+      EXPECT_EQ(agents.posts.fhInfo.size(), 7u);
+      EXPECT_EQ(agents.posts.fhInfo.at("/"), 0u);
+    } else {
+      EXPECT_EQ(agents.posts.nodeCount, 7u);  // every node, the root's included
+      EXPECT_EQ(agents.posts.dirNames.size(), 7u);
+    }
+    agents.Idle();
+
+    // The tape holds a tar image in records of the set size.
+    ASSERT_EQ(agents.Rewind(), CNDMPError::NDMP_NO_ERR);
+    std::vector<char> record(2 * kRecord);
+    unsigned int read = 0;
+    ASSERT_EQ(CNDMPTapeHelper::TapeRead(agents->get(), record.data(), 2 * kRecord, &read),
+              CNDMPError::NDMP_NO_ERR);
+    EXPECT_EQ(read, kRecord);
+    EXPECT_EQ(std::string(record.data() + 257, 5), "ustar");
+
+    // The whole image to /copy, then one file by its history offset.
+    ASSERT_EQ(agents.Rewind(), CNDMPError::NDMP_NO_ERR);
+    agents.Join(MoverMode::NDMP_MOVER_MODE_WRITE);
+    EXPECT_EQ(agents.Restore("/", "/copy", kAll), DataHalt::NDMP_DATA_HALT_SUCCESSFUL);
+    for (const auto& [name, data] : files)
+      EXPECT_EQ(ReadFile(root.Path() + "/copy" + name), data) << name;
+    agents.Idle();
+    if (c.version == 3) {
+      ASSERT_EQ(agents.Rewind(), CNDMPError::NDMP_NO_ERR);
+      agents.Join(MoverMode::NDMP_MOVER_MODE_WRITE);
+      const std::uint64_t fh =
+          agents.posts.With([&] { return agents.posts.fhInfo.at("/dir/sub with space/c"); });
+      EXPECT_EQ(agents.Restore("/dir/sub with space/c", "/one", fh),
+                DataHalt::NDMP_DATA_HALT_SUCCESSFUL);
+      EXPECT_EQ(ReadFile(root.Path() + "/one"), files.at("/dir/sub with space/c"));
+      EXPECT_GT(agents.posts.With([&] { return agents.posts.reads.at(0).first; }), 0u);
+      agents.Idle();
+    }
+  }
+}
+
+TEST(SimAgents, EndOfMediumPausesAndTheBackupGoesOnOnTheNextTape) {
+  CTempDir root;
+  MakeTree(root.Path());
+  CSimFixture sim(DataConfig(root.Path(), 200 * 1024));
+  CAgents agents(sim.Port());
+  ASSERT_EQ(agents.OpenTape("t1"), CNDMPError::NDMP_NO_ERR);
+  agents.Join(MoverMode::NDMP_MOVER_MODE_READ);
+  ASSERT_EQ(agents.Backup("tar", "/src"), CNDMPError::NDMP_NO_ERR);
+  ASSERT_TRUE(agents.posts.Wait([&] { return !agents.posts.pauses.empty(); }));
+  EXPECT_EQ(agents.posts.pauses[0], enums::CNDMPEnumMoverPauseReason::NDMP_MOVER_PAUSE_EOM);
+  // The tape is the client's while the mover pauses.
+  ASSERT_EQ(CNDMPTapeHelper::TapeClose(agents->get()), CNDMPError::NDMP_NO_ERR);
+  ASSERT_EQ(agents.OpenTape("t2"), CNDMPError::NDMP_NO_ERR);
+  CNDMPMoverContinueRequest resume;
+  ASSERT_EQ(agents->Ask(resume), CNDMPError::NDMP_NO_ERR);
+  ASSERT_TRUE(agents.Halted());
+  EXPECT_EQ(agents.posts.dataHalt, DataHalt::NDMP_DATA_HALT_SUCCESSFUL);
+  EXPECT_EQ(agents.posts.pauses.size(), 1u);
+  CNDMPMoverGetStateRequest getMover;
+  auto mover = agents.Get<CNDMPMoverGetStateReply>(getMover);
+  ASSERT_TRUE(mover);
+  // No record was lost at the change: the two tapes hold all that moved.
+  CNDMPTapeGetStateRequest getTape;
+  auto tape = agents.Get<CNDMPTapeGetStateReply>(getTape);
+  ASSERT_TRUE(tape);
+  EXPECT_EQ(200u * 1024 / kRecord * kRecord + tape->BlockNo.getInt32() * kRecord,
+            mover->BytesMoved.getUint64());
+}
+
+TEST(SimAgents, AbortOrDisconnectMidBackupReleasesEverything) {
+  CTempDir root;
+  MakeTree(root.Path());
+  CSimFixture sim(DataConfig(root.Path(), 64 * 1024));
+  for (bool disconnect : {false, true}) {
+    {
+      CAgents agents(sim.Port());
+      ASSERT_EQ(agents.OpenTape("t"), CNDMPError::NDMP_NO_ERR);
+      agents.Join(MoverMode::NDMP_MOVER_MODE_READ);
+      ASSERT_EQ(agents.Backup("tar", "/src"), CNDMPError::NDMP_NO_ERR);
+      // Paused at the end of the small tape, the data agent blocked behind it.
+      ASSERT_TRUE(agents.posts.Wait([&] { return !agents.posts.pauses.empty(); }));
+      if (disconnect) continue;
+      CNDMPDataAbortRequest dataAbort;
+      EXPECT_EQ(agents->Ask(dataAbort), CNDMPError::NDMP_NO_ERR);
+      CNDMPMoverAbortRequest moverAbort;
+      EXPECT_EQ(agents->Ask(moverAbort), CNDMPError::NDMP_NO_ERR);
+      ASSERT_TRUE(agents.Halted());
+      EXPECT_EQ(agents.posts.dataHalt, DataHalt::NDMP_DATA_HALT_ABORTED);
+      EXPECT_EQ(agents.posts.moverHalt, MoverHalt::NDMP_MOVER_HALT_ABORTED);
+      agents.Idle();
+    }
+    CAgents next(sim.Port());
+    EXPECT_EQ(next.OpenTape("t"), CNDMPError::NDMP_NO_ERR) << "disconnect " << disconnect;
+  }
+}
+
+TEST(SimAgents, DroppedDataConnectionsHaltTheAgents) {
+  CTempDir root;
+  MakeTree(root.Path());
+  CSimFixture sim(DataConfig(root.Path()));
+  CAgents agents(sim.Port());
+  ASSERT_EQ(agents.OpenTape("t"), CNDMPError::NDMP_NO_ERR);
+  // A peer that sends 10000 bytes to the mover and goes: two padded records.
+  CNDMPMoverSetRecordSizeRequest size;
+  size.RecordLength = kRecord;
+  ASSERT_EQ(agents->Ask(size), CNDMPError::NDMP_NO_ERR);
+  CNDMPMoverListenRequest listen;
+  listen.Mode = MoverMode::NDMP_MOVER_MODE_READ;
+  listen.AddressType = Addr::NDMP_ADDR_TCP;
+  auto address = agents.Get<CNDMPMoverListenReply>(listen);
+  ASSERT_TRUE(address && address->Address.TcpAddressList.size() == 1);
+  sockaddr_in peer{};
+  peer.sin_family = AF_INET;
+  peer.sin_addr.s_addr = htonl(address->Address.TcpAddressList[0].IPAddress.getInt32());
+  peer.sin_port =
+      htons(static_cast<std::uint16_t>(address->Address.TcpAddressList[0].Port.getInt32()));
+  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&peer), sizeof(peer)), 0);
+  std::string bytes(10000, 'x');
+  EXPECT_EQ(::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL), 10000);
+  ::close(fd);
+  ASSERT_TRUE(agents.posts.Wait([&] { return agents.posts.moverHalt != 0; }));
+  EXPECT_EQ(agents.posts.moverHalt, MoverHalt::NDMP_MOVER_HALT_CONNECTION_CLOSED);
+  CNDMPMoverGetStateRequest getMover;
+  auto mover = agents.Get<CNDMPMoverGetStateReply>(getMover);
+  ASSERT_TRUE(mover);
+  EXPECT_EQ(mover->BytesMoved.getUint64(), 2u * kRecord);
+
+  // A mover that accepts the data agent's connection and drops it.
+  int server = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in local{};
+  local.sin_family = AF_INET;
+  local.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof(local);
+  ASSERT_EQ(::bind(server, reinterpret_cast<sockaddr*>(&local), sizeof(local)), 0);
+  ASSERT_EQ(::listen(server, 1), 0);
+  ASSERT_EQ(::getsockname(server, reinterpret_cast<sockaddr*>(&local), &length), 0);
+  CNDMPDataConnectRequest connect;
+  connect.Address.AddressType = Addr::NDMP_ADDR_TCP;
+  CNDMPTcpAddr& to = connect.Address.TcpAddressList.AppendNew();
+  to.IPAddress = ntohl(local.sin_addr.s_addr);
+  to.Port = ntohs(local.sin_port);
+  ASSERT_EQ(agents->Ask(connect), CNDMPError::NDMP_NO_ERR);
+  ::close(::accept(server, nullptr, nullptr));
+  ::close(server);
+  ASSERT_EQ(agents.Backup("tar", "/src"), CNDMPError::NDMP_NO_ERR);
+  ASSERT_TRUE(agents.posts.Wait([&] { return agents.posts.dataHalt != 0; }));
+  EXPECT_EQ(agents.posts.dataHalt, DataHalt::NDMP_DATA_HALT_CONNECT_ERROR);
+}
+
+TEST(SimAgents, RequestsInTheWrongStateAreRefused) {
+  CTempDir root;
+  MakeTree(root.Path());
+  WriteRandomFile(root.File("plain-file"), 10, 1);
+  CSimFixture sim(DataConfig(root.Path()));
+  CAgents agents(sim.Port());
+  CNDMPConfigGetFsInfoRequest fsInfo;
+  auto fs = agents.Get<CNDMPConfigGetFsInfoReply>(fsInfo);  // the data root's directories
+  ASSERT_TRUE(fs && fs->FsInfoArray.size() == 1);
+  EXPECT_EQ(fs->FsInfoArray[0].LogDeviceName.GetString(), "/src");
+  EXPECT_GT(fs->FsInfoArray[0].TotalSize.getUint64(), 0u);
+  auto backup = [](const char* type, const char* fileSystem) {
+    auto start = std::make_shared<CNDMPDataStartBackupRequest>();
+    start->BUTypeName = type;
+    start->Environments.AddItem(CNDMPPVal("FILESYSTEM", fileSystem));
+    return start;
+  };
+  auto recordSize = [](unsigned int size) {
+    auto request = std::make_shared<CNDMPMoverSetRecordSizeRequest>();
+    request->RecordLength = size;
+    return request;
+  };
+  auto listen = std::make_shared<CNDMPMoverListenRequest>();
+  listen->Mode = MoverMode::NDMP_MOVER_MODE_READ;
+  listen->AddressType = Addr::NDMP_ADDR_LOCAL;
+  auto connect = std::make_shared<CNDMPDataConnectRequest>();
+  connect->Address.AddressType = Addr::NDMP_ADDR_LOCAL;
+  auto openTape = std::make_shared<CNDMPTapeOpenRequest>();
+  openTape->Device = "t";
+  openTape->Mode = Mode::NDMP_TAPE_RDWR_MODE;
+  const struct {
+    std::shared_ptr<CNDMPMessage> request;
+    unsigned int error;
+  } steps[] = {
+      {backup("tar", "/src"), CNDMPError::NDMP_ILLEGAL_STATE_ERR},  // no connection
+      {std::make_shared<CNDMPDataStopRequest>(), CNDMPError::NDMP_ILLEGAL_STATE_ERR},
+      {std::make_shared<CNDMPDataAbortRequest>(), CNDMPError::NDMP_ILLEGAL_STATE_ERR},
+      {std::make_shared<CNDMPDataGetEnvRequest>(), CNDMPError::NDMP_ILLEGAL_STATE_ERR},
+      {std::make_shared<CNDMPMoverContinueRequest>(), CNDMPError::NDMP_ILLEGAL_STATE_ERR},
+      {std::make_shared<CNDMPMoverStopRequest>(), CNDMPError::NDMP_ILLEGAL_STATE_ERR},
+      {std::make_shared<CNDMPMoverReadRequest>(), CNDMPError::NDMP_ILLEGAL_STATE_ERR},
+      {connect, CNDMPError::NDMP_ILLEGAL_STATE_ERR},  // the mover does not listen
+      {listen, CNDMPError::NDMP_DEV_NOT_OPEN_ERR},
+      {recordSize(0), CNDMPError::NDMP_ILLEGAL_ARGS_ERR},
+      {recordSize(2 * 1024 * 1024), CNDMPError::NDMP_ILLEGAL_ARGS_ERR},
+      {openTape, CNDMPError::NDMP_NO_ERR},
+      {listen, CNDMPError::NDMP_NO_ERR},
+      {listen, CNDMPError::NDMP_ILLEGAL_STATE_ERR},
+      {recordSize(kRecord), CNDMPError::NDMP_ILLEGAL_STATE_ERR},
+      {std::make_shared<CNDMPTapeCloseRequest>(), CNDMPError::NDMP_ILLEGAL_STATE_ERR},
+      {std::make_shared<CNDMPMoverReadRequest>(), CNDMPError::NDMP_ILLEGAL_STATE_ERR},  // mode READ
+      {connect, CNDMPError::NDMP_NO_ERR},
+      {connect, CNDMPError::NDMP_ILLEGAL_STATE_ERR},
+      {backup("cpio", "/src"), CNDMPError::NDMP_ILLEGAL_ARGS_ERR},
+      {backup("tar", "/../etc"), CNDMPError::NDMP_ILLEGAL_ARGS_ERR},
+      {backup("tar", "/missing"), CNDMPError::NDMP_ILLEGAL_ARGS_ERR},
+      {std::make_shared<CNDMPDataStopRequest>(), CNDMPError::NDMP_ILLEGAL_STATE_ERR},
+      {backup("tar", "/src"), CNDMPError::NDMP_NO_ERR},
+      {backup("tar", "/src"), CNDMPError::NDMP_ILLEGAL_STATE_ERR},  // a second start
+  };
+  for (std::size_t i = 0; i < sizeof(steps) / sizeof(steps[0]); ++i) {
+    EXPECT_EQ(agents->Ask(*steps[i].request), steps[i].error)
+        << "step " << i << " " << CNDMPMessageAccess::Code(*steps[i].request).ToString();
+  }
+  ASSERT_TRUE(agents.Halted());
+  EXPECT_EQ(agents.posts.dataHalt, DataHalt::NDMP_DATA_HALT_SUCCESSFUL);
 }
 
 }  // namespace

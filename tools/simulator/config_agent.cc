@@ -34,8 +34,8 @@ std::vector<CSimFileSystem> DataRootFileSystems(const std::string& root) {
     }
     const std::uint64_t block = vfs.f_frsize;
     systems.push_back({"/" + name, "local", path, vfs.f_blocks * block,
-                       (vfs.f_blocks - vfs.f_bfree) * block, vfs.f_files,
-                       vfs.f_files - vfs.f_ffree, "online"});
+                       (vfs.f_blocks - vfs.f_bfree) * block, vfs.f_files, vfs.f_files - vfs.f_ffree,
+                       "online"});
   }
   ::closedir(dir);
   std::sort(systems.begin(), systems.end(),
@@ -96,8 +96,8 @@ void CSimConfigAgent::ConfigGetButypeInfo(CSimRequest& request) {
 void CSimConfigAgent::ConfigGetFsInfo(CSimRequest& request) {
   CNDMPConfigGetFsInfoReply reply;
   const std::string& root = context_.server.Config().dataRoot;
-  for (const CSimFileSystem& fs : root.empty() ? context_.server.Config().fileSystems
-                                               : DataRootFileSystems(root)) {
+  for (const CSimFileSystem& fs :
+       root.empty() ? context_.server.Config().fileSystems : DataRootFileSystems(root)) {
     CNDMPFsInfo& info = reply.FsInfoArray.AppendNew();
     info.FSType = fs.type;
     info.LogDeviceName = fs.name;
@@ -141,7 +141,7 @@ void CSimConfigAgent::ConfigGetScsiInfo(CSimRequest& request) {
 
 void CSimConfigAgent::ConfigGetExtList(CSimRequest& request) {
   if (!context_.server.Config().answerExtList) return;  // deliberately silent, like some filers
-  CNDMPConfigGetExtListReply reply;             // no extensions
+  CNDMPConfigGetExtListReply reply;                     // no extensions
   request.Reply(reply);
 }
 

@@ -114,33 +114,19 @@ void CSimDataAgent::Listen(CSimRequest& request) {
   auto* body = request.Body<CNDMPDataListenRequest>();
   if (body == nullptr) return request.Fail(CNDMPError::NDMP_ILLEGAL_ARGS_ERR);
   CNDMPDataListenReply reply;
-  const unsigned int type = body->AddressType.getInt32();
-  const bool tcp = type == enums::CNDMPEnumAddrType::NDMP_ADDR_TCP;
-  unsigned int error = CNDMPError::NDMP_NO_ERR;
+  std::string why;
   std::lock_guard<std::mutex> lock(mutex_);
-  if (state_ != State::kIdle) {
-    error = CNDMPError::NDMP_ILLEGAL_STATE_ERR;
-  } else if (!tcp && type != enums::CNDMPEnumAddrType::NDMP_ADDR_LOCAL) {
-    error = CNDMPError::NDMP_ILLEGAL_ARGS_ERR;
-  } else {
-    auto stream = std::make_unique<CSimDataStream>();
-    std::string why;
-    std::uint32_t ip = 0;
-    std::uint16_t port = 0;
-    if (tcp ? stream->ListenTcp(context_.localAddress, &ip, &port, &why)
-            : stream->ListenLocal(&why)) {
-      stream_ = std::move(stream);
-      tcp_ = tcp;
-      ip_ = ip;
-      port_ = port;
+  unsigned int error = CNDMPError::NDMP_ILLEGAL_STATE_ERR;
+  if (state_ == State::kIdle) {
+    CSimEndpoint endpoint;
+    error = ListenEndpoint(body->AddressType.getInt32(), context_.localAddress, &endpoint,
+                           &reply.DataConnAddress, &why);
+    if (error == CNDMPError::NDMP_NO_ERR) {
+      endpoint_ = std::move(endpoint);
       state_ = State::kListen;
-      FillAddress(reply.DataConnAddress, tcp, ip, port);
-    } else {
-      context_.log.warning("sim client %u: data agent cannot listen: %s", context_.id,
-                           why.c_str());
-      error = CNDMPError::NDMP_IO_ERR;
     }
   }
+  if (!why.empty()) context_.log.warning("sim client %u: data agent: %s", context_.id, why.c_str());
   reply.Error = CXDREnumBase<CNDMPError>(error);
   request.Reply(reply);
 }
@@ -154,34 +140,17 @@ void CSimDataAgent::Connect(CSimRequest& request) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (state_ != State::kIdle) error = CNDMPError::NDMP_ILLEGAL_STATE_ERR;
   }
-  auto stream = std::make_unique<CSimDataStream>();
-  std::uint32_t ip = 0;
-  std::uint16_t port = 0;
-  const bool tcp = FirstTcpAddress(body->Address, &ip, &port);
+  CSimEndpoint endpoint;
+  std::string why;
   if (error == CNDMPError::NDMP_NO_ERR) {
-    std::string why;
-    if (tcp) {
-      if (!stream->ConnectTcp(ip, port, &why)) {
-        context_.log.warning("sim client %u: data agent: %s", context_.id, why.c_str());
-        error = CNDMPError::NDMP_CONNECT_ERR;
-      }
-    } else if (body->Address.AddressType != enums::CNDMPEnumAddrType::NDMP_ADDR_LOCAL) {
-      error = CNDMPError::NDMP_ILLEGAL_ARGS_ERR;
-    } else {
-      const int fd = mover_ == nullptr ? -1 : mover_->ConnectLocal();
-      if (fd < 0) {
-        error = CNDMPError::NDMP_ILLEGAL_STATE_ERR;  // the mover does not listen locally
-      } else {
-        stream->Adopt(fd);
-      }
-    }
+    error = ConnectEndpoint(
+        body->Address, [this] { return mover_ == nullptr ? -1 : mover_->ConnectLocal(); },
+        &endpoint, &why);
   }
+  if (!why.empty()) context_.log.warning("sim client %u: data agent: %s", context_.id, why.c_str());
   if (error == CNDMPError::NDMP_NO_ERR) {
     std::lock_guard<std::mutex> lock(mutex_);
-    stream_ = std::move(stream);
-    tcp_ = tcp;
-    ip_ = ip;
-    port_ = port;
+    endpoint_ = std::move(endpoint);
     state_ = State::kConnected;
   }
   reply.NDMP_Error = CXDREnumBase<CNDMPError>(error);
@@ -190,8 +159,8 @@ void CSimDataAgent::Connect(CSimRequest& request) {
 
 int CSimDataAgent::ConnectLocal() {
   std::lock_guard<std::mutex> lock(mutex_);
-  if (state_ != State::kListen || !stream_ || !stream_->LocalListen()) return -1;
-  const int fd = stream_->TakeLocalPeer();
+  if (state_ != State::kListen || !endpoint_.stream || !endpoint_.stream->LocalListen()) return -1;
+  const int fd = endpoint_.stream->TakeLocalPeer();
   if (fd >= 0) state_ = State::kConnected;
   return fd;
 }
@@ -222,13 +191,14 @@ void CSimDataAgent::StartBackup(CSimRequest& request) {
     why = "unknown backup type '" + type + "'";
     error = CNDMPError::NDMP_ILLEGAL_ARGS_ERR;
   } else if (error == CNDMPError::NDMP_NO_ERR &&
-             (fileSystem.empty() || !ResolveUnderRoot(context_.server.Config().dataRoot,
-                                                      fileSystem, true, &hostRoot, &why))) {
+             (fileSystem.empty() || !ResolveUnderRoot(context_.server.Config().dataRoot, fileSystem,
+                                                      true, &hostRoot, &why))) {
     if (fileSystem.empty()) why = "no FILESYSTEM in the environment";
     error = CNDMPError::NDMP_ILLEGAL_ARGS_ERR;
   }
   if (error != CNDMPError::NDMP_NO_ERR) {
-    if (!why.empty()) context_.log.info("sim client %u: backup refused: %s", context_.id, why.c_str());
+    if (!why.empty())
+      context_.log.info("sim client %u: backup refused: %s", context_.id, why.c_str());
     reply.NDMP_Error = CXDREnumBase<CNDMPError>(error);
     return request.Reply(reply);
   }
@@ -236,21 +206,15 @@ void CSimDataAgent::StartBackup(CSimRequest& request) {
   const bool history = hist == "y" || hist == "Y" || hist == "yes";
   Set(env, "HIST", history ? "y" : "n");
   Set(env, "TYPE", type);
-  Launch(DataOp::NDMP_DATA_OP_BACKUP, env, [this, hostRoot, history, type, fileSystem] {
-    Log(0, "backup of " + fileSystem + " (" + type + ") started");
+  Launch(DataOp::NDMP_DATA_OP_BACKUP, env, [this, hostRoot, history, type] {
     CSimBackupJob job;
     job.hostRoot = hostRoot;
     job.history = history;
     job.nodeHistory = type == "dump";
     job.write = [this](const void* data, std::size_t length) {
-      return stream_->WriteAll(data, length);
+      return endpoint_.stream->WriteAll(data, length);
     };
-    job.files = [this](const std::vector<CSimFileEntry>& e) { PostFiles(e); };
-    job.dirs = [this](const std::vector<CSimFileEntry>& e) { PostDirs(e); };
-    job.nodes = [this](const std::vector<CSimFileEntry>& e) { PostNodes(e); };
-    job.log = [this](int level, const std::string& text) { Log(level, text); };
-    job.abort = &abort_;
-    job.bytes = &bytes_;
+    Wire(job);
     return RunBackup(job);
   });
   request.Reply(reply);
@@ -279,12 +243,12 @@ void CSimDataAgent::Recover(CSimRequest& request, bool historyOnly) {
     // give it as a directory and a new name.
     std::string destination = name.DestinationDir.GetString();
     if (!name.Name.GetString().empty()) {
-      destination += (destination.empty() || destination.back() != '/' ? "/" : "") +
-                     name.Name.GetString();
+      destination +=
+          (destination.empty() || destination.back() != '/' ? "/" : "") + name.Name.GetString();
     }
-    if (!historyOnly &&
-        !ResolveUnderRoot(context_.server.Config().dataRoot, destination.empty() ? "/" : destination,
-                          false, &item.hostDestination, &why)) {
+    if (!historyOnly && !ResolveUnderRoot(context_.server.Config().dataRoot,
+                                          destination.empty() ? "/" : destination, false,
+                                          &item.hostDestination, &why)) {
       error = CNDMPError::NDMP_ILLEGAL_ARGS_ERR;
     }
     items.push_back(item);
@@ -298,15 +262,14 @@ void CSimDataAgent::Recover(CSimRequest& request, bool historyOnly) {
     }
   }
   if (error != CNDMPError::NDMP_NO_ERR) {
-    if (!why.empty()) context_.log.info("sim client %u: recover refused: %s", context_.id, why.c_str());
+    if (!why.empty())
+      context_.log.info("sim client %u: recover refused: %s", context_.id, why.c_str());
     reply.NDMP_Error = CXDREnumBase<CNDMPError>(error);
     return request.Reply(reply);
   }
   const unsigned int operation =
       historyOnly ? DataOp::NDMP_DATA_OP_RECOVER_FILEHIST : DataOp::NDMP_DATA_OP_RECOVER;
   Launch(operation, env, [this, items, historyOnly, type] {
-    Log(0, std::string(historyOnly ? "file history recovery" : "recovery") + " of " +
-               std::to_string(items.size()) + " item(s) started");
     CSimRecoverJob job;
     job.items = items;
     job.historyOnly = historyOnly;
@@ -323,20 +286,26 @@ void CSimDataAgent::Recover(CSimRequest& request, bool historyOnly) {
       context_.post(post);
       return true;
     };
-    job.read = [this](void* buffer, std::size_t length) { return stream_->Read(buffer, length); };
-    job.files = [this](const std::vector<CSimFileEntry>& e) { PostFiles(e); };
-    job.dirs = [this](const std::vector<CSimFileEntry>& e) { PostDirs(e); };
-    job.nodes = [this](const std::vector<CSimFileEntry>& e) { PostNodes(e); };
-    job.log = [this](int level, const std::string& text) { Log(level, text); };
-    job.abort = &abort_;
-    job.bytes = &bytes_;
+    job.read = [this](void* buffer, std::size_t length) {
+      return endpoint_.stream->Read(buffer, length);
+    };
+    Wire(job);
     return RunRecover(job);
   });
   request.Reply(reply);
 }
 
-void CSimDataAgent::Launch(unsigned int operation, CEnv env,
-                           std::function<CSimHaltReason()> run) {
+template <class Job>
+void CSimDataAgent::Wire(Job& job) {
+  job.files = [this](const std::vector<CSimFileEntry>& e) { PostFiles(e); };
+  job.dirs = [this](const std::vector<CSimFileEntry>& e) { PostDirs(e); };
+  job.nodes = [this](const std::vector<CSimFileEntry>& e) { PostNodes(e); };
+  job.log = [this](int level, const std::string& text) { Log(level, text); };
+  job.abort = &abort_;
+  job.bytes = &bytes_;
+}
+
+void CSimDataAgent::Launch(unsigned int operation, CEnv env, std::function<CSimHaltReason()> run) {
   if (worker_.joinable()) worker_.join();  // the previous operation ended before its STOP
   std::lock_guard<std::mutex> lock(mutex_);
   state_ = State::kActive;
@@ -347,14 +316,14 @@ void CSimDataAgent::Launch(unsigned int operation, CEnv env,
   abort_ = false;
   bytes_ = 0;
   worker_ = std::thread([this, run] {
-    if (!stream_->WaitConnected(abort_)) return Finish(CSimHaltReason::kConnectError);
+    if (!endpoint_.stream->WaitConnected(abort_)) return Finish(CSimHaltReason::kConnectError);
     Finish(run());
   });
 }
 
 void CSimDataAgent::Finish(CSimHaltReason reason) {
   // Closing first lets the mover see the end of the stream.
-  stream_->Close();
+  endpoint_.stream->Close();
   const unsigned int code = abort_ ? DataHalt::NDMP_DATA_HALT_ABORTED : HaltCode(reason);
   {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -380,19 +349,19 @@ void CSimDataAgent::GetState(CSimRequest& request) {
   CNDMPDataGetStateReply reply;
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    static const unsigned int kStates[] = {
-        enums::CNDMPEnumDataState::NDMP_DATA_STATE_IDLE,
-        enums::CNDMPEnumDataState::NDMP_DATA_STATE_LISTEN,
-        enums::CNDMPEnumDataState::NDMP_DATA_STATE_CONNECTED,
-        enums::CNDMPEnumDataState::NDMP_DATA_STATE_ACTIVE,
-        enums::CNDMPEnumDataState::NDMP_DATA_STATE_HALTED};
+    static const unsigned int kStates[] = {enums::CNDMPEnumDataState::NDMP_DATA_STATE_IDLE,
+                                           enums::CNDMPEnumDataState::NDMP_DATA_STATE_LISTEN,
+                                           enums::CNDMPEnumDataState::NDMP_DATA_STATE_CONNECTED,
+                                           enums::CNDMPEnumDataState::NDMP_DATA_STATE_ACTIVE,
+                                           enums::CNDMPEnumDataState::NDMP_DATA_STATE_HALTED};
     reply.Operation = CXDREnumBase<DataOp>(state_ == State::kIdle ? 0u : operation_);
     reply.State = kStates[static_cast<int>(state_)];
     reply.HaltReason = CXDREnumBase<DataHalt>(haltReason_);
     reply.BytesProcessed = CNDMPUQuad(bytes_.load());
     reply.ReadOffset = CNDMPUQuad(readOffset_);
     reply.ReadLength = CNDMPUQuad(readLength_);
-    FillAddress(reply.DataConnAddress, tcp_ && state_ != State::kIdle, ip_, port_);
+    FillAddress(reply.DataConnAddress, endpoint_.tcp && state_ != State::kIdle, endpoint_.ip,
+                endpoint_.port);
   }
   request.Reply(reply);
 }
@@ -419,7 +388,7 @@ void CSimDataAgent::Abort(CSimRequest& request) {
     } else if (state_ == State::kActive) {
       running = true;
     } else {  // listening or connected: nothing runs, the agent halts here
-      stream_->Close();
+      endpoint_.stream->Close();
       state_ = State::kHalted;
       haltReason_ = DataHalt::NDMP_DATA_HALT_ABORTED;
     }
@@ -440,12 +409,11 @@ void CSimDataAgent::Stop(CSimRequest& request) {
     lock.unlock();
     if (worker_.joinable()) worker_.join();
     lock.lock();
-    stream_.reset();
+    endpoint_ = CSimEndpoint();
     state_ = State::kIdle;
     operation_ = DataOp::NDMP_DATA_OP_NOACTION;
     haltReason_ = DataHalt::NDMP_DATA_HALT_NA;
     env_.clear();
-    tcp_ = false;
     bytes_ = 0;
   }
   lock.unlock();
@@ -456,7 +424,7 @@ void CSimDataAgent::Shutdown() {
   {
     std::lock_guard<std::mutex> lock(mutex_);
     abort_ = true;
-    if (stream_) stream_->Shutdown();
+    if (endpoint_.stream) endpoint_.stream->Shutdown();
   }
   if (worker_.joinable()) worker_.join();
 }

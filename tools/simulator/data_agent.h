@@ -54,6 +54,9 @@ class CSimDataAgent {
   void Recover(CSimRequest& request, bool historyOnly);
   // NDMP_NO_ERR when a start may go ahead in the current state.
   unsigned int CanStart();
+  // History, log, abort flag and byte count of an engine job, to this agent.
+  template <class Job>
+  void Wire(Job& job);
   void Launch(unsigned int operation, CEnv env, std::function<CSimHaltReason()> run);
   void Finish(CSimHaltReason reason);
   void Log(int level, const std::string& text);
@@ -71,16 +74,13 @@ class CSimDataAgent {
   unsigned int operation_ = 0;
   unsigned int haltReason_ = 0;
   CEnv env_;
-  bool tcp_ = false;
-  std::uint32_t ip_ = 0;
-  std::uint16_t port_ = 0;
   std::uint64_t readOffset_ = 0;
   std::uint64_t readLength_ = 0;
 
   std::atomic<bool> abort_{false};
   std::atomic<std::uint64_t> bytes_{0};
   std::atomic<unsigned int> messageId_{0};
-  std::unique_ptr<CSimDataStream> stream_;
+  CSimEndpoint endpoint_;  // replaced only while no worker runs
   std::thread worker_;
 };
 

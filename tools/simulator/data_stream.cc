@@ -11,6 +11,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "ndmpc/ndmp/messages/data_mover_messages.h"
+
 namespace com::vx::korvane::ndmpc::tools {
 
 namespace {
@@ -160,6 +162,60 @@ void CSimDataStream::Close() {
   CloseFd(fd_);
   CloseFd(listenFd_);
   CloseFd(peerFd_);
+}
+
+void FillAddress(CNDMPAddr& address, bool tcp, std::uint32_t ip, std::uint16_t port) {
+  address.AddressType =
+      tcp ? enums::CNDMPEnumAddrType::NDMP_ADDR_TCP : enums::CNDMPEnumAddrType::NDMP_ADDR_LOCAL;
+  if (!tcp) return;
+  address.TcpAddress.IPAddress = ip;
+  address.TcpAddress.Port = port;
+  CNDMPTcpAddr& entry = address.TcpAddressList.AppendNew();
+  entry.IPAddress = ip;
+  entry.Port = port;
+}
+
+unsigned int ListenEndpoint(unsigned int addressType, const std::string& host,
+                            CSimEndpoint* endpoint, CNDMPAddr* where, std::string* why) {
+  using enums::CNDMPError;
+  const bool tcp = addressType == enums::CNDMPEnumAddrType::NDMP_ADDR_TCP;
+  if (!tcp && addressType != enums::CNDMPEnumAddrType::NDMP_ADDR_LOCAL) {
+    return CNDMPError::NDMP_ILLEGAL_ARGS_ERR;
+  }
+  endpoint->stream = std::make_unique<CSimDataStream>();
+  endpoint->tcp = tcp;
+  if (tcp ? !endpoint->stream->ListenTcp(host, &endpoint->ip, &endpoint->port, why)
+          : !endpoint->stream->ListenLocal(why)) {
+    return CNDMPError::NDMP_IO_ERR;
+  }
+  FillAddress(*where, tcp, endpoint->ip, endpoint->port);
+  return CNDMPError::NDMP_NO_ERR;
+}
+
+unsigned int ConnectEndpoint(const CNDMPAddr& address, const std::function<int()>& takeLocal,
+                             CSimEndpoint* endpoint, std::string* why) {
+  using enums::CNDMPError;
+  endpoint->stream = std::make_unique<CSimDataStream>();
+  if (address.AddressType == enums::CNDMPEnumAddrType::NDMP_ADDR_TCP) {
+    const CNDMPTcpAddr& tcp =
+        address.TcpAddressList.size() != 0 ? address.TcpAddressList[0] : address.TcpAddress;
+    endpoint->tcp = true;
+    endpoint->ip = tcp.IPAddress.getInt32();
+    endpoint->port = static_cast<std::uint16_t>(tcp.Port.getInt32());
+    return endpoint->stream->ConnectTcp(endpoint->ip, endpoint->port, why)
+               ? CNDMPError::NDMP_NO_ERR
+               : CNDMPError::NDMP_CONNECT_ERR;
+  }
+  if (address.AddressType != enums::CNDMPEnumAddrType::NDMP_ADDR_LOCAL) {
+    return CNDMPError::NDMP_ILLEGAL_ARGS_ERR;
+  }
+  const int fd = takeLocal();
+  if (fd < 0) {
+    *why = "the peer agent does not listen locally";
+    return CNDMPError::NDMP_ILLEGAL_STATE_ERR;
+  }
+  endpoint->stream->Adopt(fd);
+  return CNDMPError::NDMP_NO_ERR;
 }
 
 }  // namespace com::vx::korvane::ndmpc::tools

@@ -8,8 +8,14 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
+
+namespace com::vx::korvane::ndmpc {
+class CNDMPAddr;
+}
 
 namespace com::vx::korvane::ndmpc::tools {
 
@@ -54,5 +60,25 @@ class CSimDataStream {
   std::atomic<int> peerFd_{-1};
   std::atomic<bool> shut_{false};
 };
+
+// An agent's data connection and the TCP address it listens on or went to.
+struct CSimEndpoint {
+  std::unique_ptr<CSimDataStream> stream;
+  bool tcp = false;
+  std::uint32_t ip = 0;
+  std::uint16_t port = 0;
+};
+
+// A data connection address in both layouts (version 3: one TCP address,
+// version 4: a list); LOCAL when not `tcp`.
+void FillAddress(CNDMPAddr& address, bool tcp, std::uint32_t ip, std::uint16_t port);
+// Listens on a new stream, TCP on `host` or LOCAL, and fills `*where`. The
+// NDMP error; `*why` says more on failure.
+unsigned int ListenEndpoint(unsigned int addressType, const std::string& host,
+                            CSimEndpoint* endpoint, CNDMPAddr* where, std::string* why);
+// Connects a new stream to `address`: out over TCP, or LOCAL to the end that
+// `takeLocal` hands over (-1: nobody listens locally). The NDMP error.
+unsigned int ConnectEndpoint(const CNDMPAddr& address, const std::function<int()>& takeLocal,
+                             CSimEndpoint* endpoint, std::string* why);
 
 }  // namespace com::vx::korvane::ndmpc::tools

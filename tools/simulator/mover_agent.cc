@@ -25,26 +25,6 @@ constexpr auto kPeerCheck = std::chrono::milliseconds(10);
 
 }  // namespace
 
-void FillAddress(CNDMPAddr& address, bool tcp, std::uint32_t ip, std::uint16_t port) {
-  address.AddressType =
-      tcp ? enums::CNDMPEnumAddrType::NDMP_ADDR_TCP : enums::CNDMPEnumAddrType::NDMP_ADDR_LOCAL;
-  if (!tcp) return;
-  address.TcpAddress.IPAddress = ip;
-  address.TcpAddress.Port = port;
-  CNDMPTcpAddr& entry = address.TcpAddressList.AppendNew();
-  entry.IPAddress = ip;
-  entry.Port = port;
-}
-
-bool FirstTcpAddress(const CNDMPAddr& address, std::uint32_t* ip, std::uint16_t* port) {
-  if (address.AddressType != enums::CNDMPEnumAddrType::NDMP_ADDR_TCP) return false;
-  const CNDMPTcpAddr& tcp =
-      address.TcpAddressList.size() != 0 ? address.TcpAddressList[0] : address.TcpAddress;
-  *ip = tcp.IPAddress.getInt32();
-  *port = static_cast<std::uint16_t>(tcp.Port.getInt32());
-  return true;
-}
-
 CSimMoverAgent::CSimMoverAgent(CSimAgentContext& context, CSimTapeAgent& tape)
     : context_(context), tape_(tape) {
   tape_.SetMoverBusy([this] { return Busy(); });
@@ -86,31 +66,18 @@ void CSimMoverAgent::Listen(CSimRequest& request) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (state_ != State::kIdle) error = CNDMPError::NDMP_ILLEGAL_STATE_ERR;
   }
-  if (error == CNDMPError::NDMP_NO_ERR && type != enums::CNDMPEnumAddrType::NDMP_ADDR_LOCAL &&
-      type != enums::CNDMPEnumAddrType::NDMP_ADDR_TCP) {
-    error = CNDMPError::NDMP_ILLEGAL_ARGS_ERR;
-  }
   if (error == CNDMPError::NDMP_NO_ERR) error = CheckTape(tape_, mode);
+  CSimEndpoint endpoint;
+  std::string why;
   if (error == CNDMPError::NDMP_NO_ERR) {
-    auto stream = std::make_unique<CSimDataStream>();
-    std::string why;
-    std::uint32_t ip = 0;
-    std::uint16_t port = 0;
-    const bool tcp = type == enums::CNDMPEnumAddrType::NDMP_ADDR_TCP;
-    if (tcp ? stream->ListenTcp(context_.localAddress, &ip, &port, &why)
-            : stream->ListenLocal(&why)) {
-      std::lock_guard<std::mutex> lock(mutex_);
-      stream_ = std::move(stream);
-      tcp_ = tcp;
-      ip_ = ip;
-      port_ = port;
-      state_ = State::kListen;
-      FillAddress(reply.Address, tcp, ip, port);
-      Start(mode);
-    } else {
-      context_.log.warning("sim client %u: mover cannot listen: %s", context_.id, why.c_str());
-      error = CNDMPError::NDMP_IO_ERR;
-    }
+    error = ListenEndpoint(type, context_.localAddress, &endpoint, &reply.Address, &why);
+  }
+  if (!why.empty()) context_.log.warning("sim client %u: mover: %s", context_.id, why.c_str());
+  if (error == CNDMPError::NDMP_NO_ERR) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    endpoint_ = std::move(endpoint);
+    state_ = State::kListen;
+    Start(mode);
   }
   reply.Error = CXDREnumBase<CNDMPError>(error);
   request.Reply(reply);
@@ -127,34 +94,17 @@ void CSimMoverAgent::Connect(CSimRequest& request) {
     if (state_ != State::kIdle) error = CNDMPError::NDMP_ILLEGAL_STATE_ERR;
   }
   if (error == CNDMPError::NDMP_NO_ERR) error = CheckTape(tape_, mode);
-  auto stream = std::make_unique<CSimDataStream>();
-  std::uint32_t ip = 0;
-  std::uint16_t port = 0;
-  const bool tcp = FirstTcpAddress(body->Address, &ip, &port);
+  CSimEndpoint endpoint;
+  std::string why;
   if (error == CNDMPError::NDMP_NO_ERR) {
-    std::string why;
-    if (tcp) {
-      if (!stream->ConnectTcp(ip, port, &why)) {
-        context_.log.warning("sim client %u: mover: %s", context_.id, why.c_str());
-        error = CNDMPError::NDMP_CONNECT_ERR;
-      }
-    } else if (body->Address.AddressType != enums::CNDMPEnumAddrType::NDMP_ADDR_LOCAL) {
-      error = CNDMPError::NDMP_ILLEGAL_ARGS_ERR;
-    } else {
-      const int fd = data_ == nullptr ? -1 : data_->ConnectLocal();
-      if (fd < 0) {
-        error = CNDMPError::NDMP_ILLEGAL_STATE_ERR;  // the data agent does not listen locally
-      } else {
-        stream->Adopt(fd);
-      }
-    }
+    error = ConnectEndpoint(
+        body->Address, [this] { return data_ == nullptr ? -1 : data_->ConnectLocal(); }, &endpoint,
+        &why);
   }
+  if (!why.empty()) context_.log.warning("sim client %u: mover: %s", context_.id, why.c_str());
   if (error == CNDMPError::NDMP_NO_ERR) {
     std::lock_guard<std::mutex> lock(mutex_);
-    stream_ = std::move(stream);
-    tcp_ = tcp;
-    ip_ = ip;
-    port_ = port;
+    endpoint_ = std::move(endpoint);
     state_ = State::kActive;
     Start(mode);
   }
@@ -164,8 +114,8 @@ void CSimMoverAgent::Connect(CSimRequest& request) {
 
 int CSimMoverAgent::ConnectLocal() {
   std::lock_guard<std::mutex> lock(mutex_);
-  if (state_ != State::kListen || !stream_ || !stream_->LocalListen()) return -1;
-  const int fd = stream_->TakeLocalPeer();
+  if (state_ != State::kListen || !endpoint_.stream || !endpoint_.stream->LocalListen()) return -1;
+  const int fd = endpoint_.stream->TakeLocalPeer();
   if (fd >= 0) state_ = State::kActive;
   return fd;
 }
@@ -284,10 +234,9 @@ void CSimMoverAgent::Stop(CSimRequest& request) {
     lock.unlock();
     if (worker_.joinable()) worker_.join();
     lock.lock();
-    stream_.reset();
+    endpoint_ = CSimEndpoint();
     state_ = State::kIdle;
     haltReason_ = HaltReason::NDMP_MOVER_HALT_NA;
-    tcp_ = false;
   }
   lock.unlock();
   request.Reply(reply);
@@ -297,7 +246,7 @@ void CSimMoverAgent::Shutdown() {
   {
     std::lock_guard<std::mutex> lock(mutex_);
     abort_ = true;
-    if (stream_) stream_->Shutdown();
+    if (endpoint_.stream) endpoint_.stream->Shutdown();
     wake_.notify_all();
   }
   if (worker_.joinable()) worker_.join();
@@ -307,12 +256,11 @@ void CSimMoverAgent::GetState(CSimRequest& request) {
   CNDMPMoverGetStateReply reply;
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    static const unsigned int kStates[] = {
-        enums::CNDMPEnumMoverState::NDMP_MOVER_STATE_IDLE,
-        enums::CNDMPEnumMoverState::NDMP_MOVER_STATE_LISTEN,
-        enums::CNDMPEnumMoverState::NDMP_MOVER_STATE_ACTIVE,
-        enums::CNDMPEnumMoverState::NDMP_MOVER_STATE_PAUSED,
-        enums::CNDMPEnumMoverState::NDMP_MOVER_STATE_HALTED};
+    static const unsigned int kStates[] = {enums::CNDMPEnumMoverState::NDMP_MOVER_STATE_IDLE,
+                                           enums::CNDMPEnumMoverState::NDMP_MOVER_STATE_LISTEN,
+                                           enums::CNDMPEnumMoverState::NDMP_MOVER_STATE_ACTIVE,
+                                           enums::CNDMPEnumMoverState::NDMP_MOVER_STATE_PAUSED,
+                                           enums::CNDMPEnumMoverState::NDMP_MOVER_STATE_HALTED};
     reply.Mode = CXDREnumBase<MoverMode>(mode_);
     reply.State = kStates[static_cast<int>(state_)];
     reply.PauseReason = CXDREnumBase<PauseReason>(pauseReason_);
@@ -324,7 +272,8 @@ void CSimMoverAgent::GetState(CSimRequest& request) {
     reply.BytesLeftToRead = CNDMPUQuad(bytesLeftToRead_);
     reply.WindowOffset = CNDMPUQuad(windowOffset_);
     reply.WindowLength = CNDMPUQuad(windowLength_);
-    FillAddress(reply.DataConnAddress, tcp_ && state_ != State::kIdle, ip_, port_);
+    FillAddress(reply.DataConnAddress, endpoint_.tcp && state_ != State::kIdle, endpoint_.ip,
+                endpoint_.port);
   }
   request.Reply(reply);
 }
@@ -333,12 +282,12 @@ void CSimMoverAgent::GetState(CSimRequest& request) {
 // The worker thread
 
 void CSimMoverAgent::Work() {
-  if (!stream_->WaitConnected(abort_)) {
+  if (!endpoint_.stream->WaitConnected(abort_)) {
     return Halt(HaltReason::NDMP_MOVER_HALT_CONNECT_ERROR, "no data connection");
   }
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (tcp_ && state_ == State::kListen) state_ = State::kActive;
+    if (endpoint_.tcp && state_ == State::kListen) state_ = State::kActive;
   }
   if (mode_ == MoverMode::NDMP_MOVER_MODE_READ) {
     WriteTape();
@@ -356,7 +305,7 @@ void CSimMoverAgent::WriteTape() {
   std::vector<unsigned char> record(size);
   std::size_t fill = 0;
   for (;;) {
-    const long n = stream_->Read(record.data() + fill, size - fill);
+    const long n = endpoint_.stream->Read(record.data() + fill, size - fill);
     if (n > 0) {
       fill += static_cast<std::size_t>(n);
       if (fill == size) {
@@ -420,7 +369,7 @@ void CSimMoverAgent::ReadTape() {
       std::unique_lock<std::mutex> lock(mutex_);
       while (!readPending_ && !abort_) {
         lock.unlock();
-        const bool closed = stream_->PeerClosed(0);
+        const bool closed = endpoint_.stream->PeerClosed(0);
         lock.lock();
         if (closed) break;
         wake_.wait_for(lock, kPeerCheck);
@@ -477,10 +426,10 @@ bool CSimMoverAgent::Send(std::uint64_t offset, std::uint64_t length) {
         const std::int64_t target = static_cast<std::int64_t>(baseBlock_ + record);
         const std::int64_t move = target - static_cast<std::int64_t>(tape->BlockNumber());
         std::uint32_t resid = 0;
-        status = move == 0 ? CVirtualTape::Status::kOk
-                           : tape->SpaceRecords(move > 0, static_cast<std::uint32_t>(
-                                                              move > 0 ? move : -move),
-                                                &resid);
+        status = move == 0
+                     ? CVirtualTape::Status::kOk
+                     : tape->SpaceRecords(
+                           move > 0, static_cast<std::uint32_t>(move > 0 ? move : -move), &resid);
         if (status == CVirtualTape::Status::kOk) status = tape->ReadRecord(size, &data);
         if (status == CVirtualTape::Status::kFilemark) {
           resid = 0;
@@ -491,7 +440,7 @@ bool CSimMoverAgent::Send(std::uint64_t offset, std::uint64_t length) {
     if (status == CVirtualTape::Status::kFilemark || status == CVirtualTape::Status::kEndOfData ||
         (status == CVirtualTape::Status::kOk && skip >= data.size())) {
       // The image goes on elsewhere: the client may load the next tape and continue.
-      if (length == kToTheEnd && stream_->PeerClosed(0)) {
+      if (length == kToTheEnd && endpoint_.stream->PeerClosed(0)) {
         Halt(HaltReason::NDMP_MOVER_HALT_CONNECTION_CLOSED, "the data connection closed");
         return false;
       }
@@ -504,7 +453,7 @@ bool CSimMoverAgent::Send(std::uint64_t offset, std::uint64_t length) {
     }
     const std::size_t count =
         static_cast<std::size_t>(std::min<std::uint64_t>(data.size() - skip, end - position));
-    if (!stream_->WriteAll(data.data() + skip, count)) {
+    if (!endpoint_.stream->WriteAll(data.data() + skip, count)) {
       Halt(HaltReason::NDMP_MOVER_HALT_CONNECTION_CLOSED, "the data connection closed");
       return false;
     }
@@ -537,7 +486,7 @@ bool CSimMoverAgent::Pause(unsigned int reason, std::uint64_t seek) {
   while (state_ == State::kPaused && !abort_ && !closeRequested_ && !peerClosed) {
     if (mode_ == MoverMode::NDMP_MOVER_MODE_WRITE) {
       lock.unlock();
-      peerClosed = stream_->PeerClosed(0);
+      peerClosed = endpoint_.stream->PeerClosed(0);
       lock.lock();
     }
     wake_.wait_for(lock, kPeerCheck * 10);
@@ -557,7 +506,7 @@ bool CSimMoverAgent::Pause(unsigned int reason, std::uint64_t seek) {
 
 void CSimMoverAgent::Halt(unsigned int reason, const std::string& why) {
   if (abort_) reason = HaltReason::NDMP_MOVER_HALT_ABORTED;
-  stream_->Close();
+  endpoint_.stream->Close();
   {
     std::lock_guard<std::mutex> lock(mutex_);
     state_ = State::kHalted;

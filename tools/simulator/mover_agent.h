@@ -20,17 +20,7 @@
 #include "tools/simulator/data_stream.h"
 #include "tools/simulator/sim_request.h"
 
-namespace com::vx::korvane::ndmpc {
-class CNDMPAddr;
-}
-
 namespace com::vx::korvane::ndmpc::tools {
-
-// A data connection address in both layouts (version 3: one TCP address,
-// version 4: a list); LOCAL when not `tcp`.
-void FillAddress(CNDMPAddr& address, bool tcp, std::uint32_t ip, std::uint16_t port);
-// The first TCP address of `address`; false when it has none.
-bool FirstTcpAddress(const CNDMPAddr& address, std::uint32_t* ip, std::uint16_t* port);
 
 class CSimTapeAgent;
 class CSimDataAgent;
@@ -98,14 +88,11 @@ class CSimMoverAgent {
   std::uint64_t readOffset_ = 0;
   std::uint64_t readLength_ = 0;
   bool closeRequested_ = false;
-  bool tcp_ = false;
-  std::uint32_t ip_ = 0;
-  std::uint16_t port_ = 0;
 
   std::atomic<bool> abort_{false};
   std::atomic<std::uint64_t> bytesMoved_{0};
   std::atomic<std::uint32_t> recordNum_{0};
-  std::unique_ptr<CSimDataStream> stream_;
+  CSimEndpoint endpoint_;  // replaced only while no worker runs
   std::thread worker_;
   // Worker only: the tape block where the window starts.
   std::uint32_t baseBlock_ = 0;

@@ -34,8 +34,6 @@ class CSimRequest {
         CXDREnumBase<enums::CNDMPMessageType>(enums::CNDMPMessageType::NDMP_MESSAGE_REPLY),
         header.MessageCode, CXDREnumBase<enums::CNDMPError>(error), header.Sequence.getInt32());
   }
-  CNDMPConnection& Connection() { return connection_; }
-  unsigned int Version() const { return connection_.GetProtocolVersion().getInt32(); }
 
  private:
   CNDMPConnection& connection_;
@@ -51,8 +49,6 @@ struct CSimAgentContext {
   // Sends a post (sequence of its own, no reply) to the client; safe from
   // any thread while the session runs.
   std::function<void(CNDMPMessage&)> post;
-  // The agreed protocol version.
-  std::function<unsigned int()> version;
 };
 
 }  // namespace com::vx::korvane::ndmpc::tools

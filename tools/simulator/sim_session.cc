@@ -110,12 +110,8 @@ CSimSession::CSimSession(CNDMPSimServer& server, std::unique_ptr<VxTcpSocket> so
       log_(server.Log()),
       id_(id),
       socket_(std::move(socket)),
-      context_{server,
-               server.Log(),
-               id,
-               LocalAddress(*socket_, server.Config().listenAddress),
-               [this](CNDMPMessage& post) { connection_->SendMessage(post, 0); },
-               [this] { return connection_->GetProtocolVersion().getInt32(); }} {
+      context_{server, server.Log(), id, LocalAddress(*socket_, server.Config().listenAddress),
+               [this](CNDMPMessage& post) { connection_->SendMessage(post, 0); }} {
   std::random_device seed;
   random_.seed((static_cast<std::uint64_t>(seed()) << 32) ^ seed() ^ id);
   config_ = std::make_unique<CSimConfigAgent>(context_);

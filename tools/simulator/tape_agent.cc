@@ -126,7 +126,7 @@ void CSimTapeAgent::TapeOpen(CSimRequest& request) {
   }
   if (reply.NDMP_Error == CNDMPError::NDMP_NO_ERR) {
     context_.log.info("sim client %u: tape %s opened (%s)", context_.id, name.c_str(),
-              body->Mode.ToString().c_str());
+                      body->Mode.ToString().c_str());
   }
   request.Reply(reply);
 }
@@ -234,8 +234,8 @@ void CSimTapeAgent::TapeWrite(CSimRequest& request) {
   } else if (length == 0 || length > context_.server.Config().maxRecordSize) {
     error = CNDMPError::NDMP_ILLEGAL_ARGS_ERR;
   } else {
-    error = TapeError(
-        tape_->WriteRecord(body->DataOut.GetData(), static_cast<std::uint32_t>(length)));
+    error =
+        TapeError(tape_->WriteRecord(body->DataOut.GetData(), static_cast<std::uint32_t>(length)));
     if (error == CNDMPError::NDMP_NO_ERR) reply.Count = static_cast<unsigned int>(length);
   }
   reply.NDMP_Error = CXDREnumBase<CNDMPError>(error);
