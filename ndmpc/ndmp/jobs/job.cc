@@ -332,11 +332,7 @@ bool CNDMPJob::PollData() {
     }
   }
   settings_.data->FreeMessage(reply);
-  if (err == CNDMPError::NDMP_NO_ERR) return true;
-  Fail(AgentName(true) + (dataLost_ ? " stopped answering (connection lost or no reply within " +
-                                          std::to_string(settings_.requestTimeout) + " s)"
-                                    : ": NDMP_DATA_GET_STATE refused: " + err.ToString()));
-  return false;
+  return err == CNDMPError::NDMP_NO_ERR || PollFailed(true, err);
 }
 
 bool CNDMPJob::PollMover() {
@@ -355,10 +351,17 @@ bool CNDMPJob::PollMover() {
     }
   }
   settings_.tape->FreeMessage(reply);
-  if (err == CNDMPError::NDMP_NO_ERR) return true;
-  Fail(AgentName(false) + (tapeLost_ ? " stopped answering (connection lost or no reply within " +
-                                           std::to_string(settings_.requestTimeout) + " s)"
-                                     : ": NDMP_MOVER_GET_STATE refused: " + err.ToString()));
+  return err == CNDMPError::NDMP_NO_ERR || PollFailed(false, err);
+}
+
+bool CNDMPJob::PollFailed(bool dataAgent, const CXDREnumBase<CNDMPError>& err) {
+  if (dataAgent ? dataLost_ : tapeLost_) {
+    Fail(AgentName(dataAgent) + " stopped answering (connection lost or no reply within " +
+         std::to_string(settings_.requestTimeout) + " s)");
+  } else {
+    Fail(AgentName(dataAgent) + (dataAgent ? ": NDMP_DATA_GET_STATE" : ": NDMP_MOVER_GET_STATE") +
+         " refused: " + err.ToString());
+  }
   return false;
 }
 

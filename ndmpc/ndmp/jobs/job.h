@@ -139,6 +139,8 @@ class CNDMPJob {
   void Finish(bool abortAgents);
   bool PollData();
   bool PollMover();
+  // Records why a state poll failed; always false.
+  bool PollFailed(bool dataAgent, const CXDREnumBase<enums::CNDMPError>& err);
   bool ChangeTape();
   // Records why the job failed; the first reason stays.
   void Fail(const std::string& text);
