@@ -5,6 +5,7 @@
 #include <sys/statvfs.h>
 
 #include <algorithm>
+#include <utility>
 
 #include "ndmpc/ndmp/messages/connect_config_messages.h"
 #include "tools/simulator/sim_server.h"
@@ -77,6 +78,20 @@ void CSimConfigAgent::ConfigGetConnectionType(CSimRequest& request) {
 
 void CSimConfigAgent::ConfigGetButypeInfo(CSimRequest& request) {
   CNDMPConfigGetButypeAttrReply reply;
+  if (!context_.server.Config().dataRoot.empty()) {
+    // What the data agent does: tar images with path history ("tar") or
+    // directory and node history ("dump"), whole or selective restores,
+    // direct access by history offset, UTF-8 names; no incrementals.
+    const std::pair<const char*, unsigned int> types[] = {{"tar", 0x0B95u}, {"dump", 0x0D95u}};
+    for (const auto& [name, attributes] : types) {
+      CNDMPConfigButypeInfo& type = reply.BackupTypeInfo.AppendNew();
+      type.BackupTypeName = name;
+      type.Attributes = attributes;
+      type.DefaultEnvironment.AddItem(Pair("FILESYSTEM", ""));
+      type.DefaultEnvironment.AddItem(Pair("HIST", "n"));
+    }
+    return request.Reply(reply);
+  }
   CNDMPConfigButypeInfo& dump = reply.BackupTypeInfo.AppendNew();
   dump.BackupTypeName = "dump";
   dump.Attributes = 0x1466u;  // file lists, incrementals, directory and node history

@@ -45,7 +45,8 @@ bool ResolveUnderRoot(const std::string& dataRoot, const std::string& ndmpPath, 
     if (error != nullptr) *error = why;
     return false;
   };
-  if (ndmpPath.empty() || ndmpPath[0] != '/') return fail("path \"" + ndmpPath + "\" is not absolute");
+  if (ndmpPath.empty() || ndmpPath[0] != '/')
+    return fail("path \"" + ndmpPath + "\" is not absolute");
   if (ndmpPath.find('\0') != std::string::npos) return fail("path contains a NUL character");
   std::string root;
   if (!RealPath(dataRoot, &root)) {
@@ -178,13 +179,15 @@ class CBackup {
     bool failed = false;
     while (left > 0) {
       if ((used_ == buffer_.size() && !Flush()) || Stopped()) return false;
-      std::size_t n = static_cast<std::size_t>(std::min<std::uint64_t>(left, buffer_.size() - used_));
+      std::size_t n =
+          static_cast<std::size_t>(std::min<std::uint64_t>(left, buffer_.size() - used_));
       ssize_t got = failed ? 0 : read(fd, &buffer_[used_], n);
       if (got < 0 && errno == EINTR) continue;
       if (got <= 0) {
         if (!failed) {
-          Log(1, hostPath + (got < 0 ? ": read failed (" + std::string(std::strerror(errno)) + ")"
-                                     : ": file shrank while it was read") +
+          Log(1, hostPath +
+                     (got < 0 ? ": read failed (" + std::string(std::strerror(errno)) + ")"
+                              : ": file shrank while it was read") +
                      "; the rest is written as zeros");
         }
         failed = true;
@@ -208,7 +211,8 @@ class CBackup {
     tar.mode = st.st_mode & 07777;
     tar.uid = st.st_uid;
     tar.gid = st.st_gid;
-    tar.mtime = st.st_mtime;
+    tar.mtime = st.st_mtim.tv_sec;
+    tar.mtimeNsec = static_cast<std::uint32_t>(st.st_mtim.tv_nsec);
     struct stat fileStat = st;
     int fd = -1;
     DIR* dir = nullptr;
@@ -226,7 +230,8 @@ class CBackup {
       }
       tar.type = '0';
       tar.size = static_cast<std::uint64_t>(fileStat.st_size);
-      tar.mtime = fileStat.st_mtime;
+      tar.mtime = fileStat.st_mtim.tv_sec;
+      tar.mtimeNsec = static_cast<std::uint32_t>(fileStat.st_mtim.tv_nsec);
     } else if (S_ISLNK(st.st_mode)) {
       std::vector<char> target(PATH_MAX + 1);
       ssize_t n = readlink(hostPath.c_str(), target.data(), target.size());
@@ -290,7 +295,8 @@ class CBackup {
     entry.mode = st.st_mode & 07777;
     entry.uid = st.st_uid;
     entry.gid = st.st_gid;
-    entry.size = entry.type == CSimFileEntry::Type::kFile ? static_cast<std::uint64_t>(st.st_size) : 0;
+    entry.size =
+        entry.type == CSimFileEntry::Type::kFile ? static_cast<std::uint64_t>(st.st_size) : 0;
     entry.mtime = st.st_mtime;
     entry.atime = st.st_atime;
     entry.ctime = st.st_ctime;

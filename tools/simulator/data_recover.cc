@@ -46,10 +46,15 @@ bool Under(const std::string& path, const std::string& item) {
 
 CSimFileEntry::Type TypeOf(char type) {
   switch (type) {
-    case '5': return CSimFileEntry::Type::kDir;
-    case '0': case '1': return CSimFileEntry::Type::kFile;
-    case '2': return CSimFileEntry::Type::kSymlink;
-    default: return CSimFileEntry::Type::kOther;
+    case '5':
+      return CSimFileEntry::Type::kDir;
+    case '0':
+    case '1':
+      return CSimFileEntry::Type::kFile;
+    case '2':
+      return CSimFileEntry::Type::kSymlink;
+    default:
+      return CSimFileEntry::Type::kOther;
   }
 }
 
@@ -70,8 +75,8 @@ class CSource {
     offset_ = offset;
     left_ = length;
     if (!job_.request || !job_.request(offset, length)) {
-      Fail(CSimHaltReason::kConnectError, "the request for image bytes at " +
-                                              std::to_string(offset) + " failed");
+      Fail(CSimHaltReason::kConnectError,
+           "the request for image bytes at " + std::to_string(offset) + " failed");
       return false;
     }
     return true;
@@ -82,9 +87,7 @@ class CSource {
   }
   bool ToEnd() { return Request(offset_, kToEnd); }
   // Asks for the next `length` bytes when nothing is outstanding.
-  bool Want(std::uint64_t length) {
-    return left_ != 0 || length == 0 || Request(offset_, length);
-  }
+  bool Want(std::uint64_t length) { return left_ != 0 || length == 0 || Request(offset_, length); }
   bool ReadExact(void* buffer, std::size_t length) {
     if (!Want(length)) return false;
     char* out = static_cast<char*>(buffer);
@@ -96,9 +99,9 @@ class CSource {
       }
       long got = job_.read ? job_.read(out, length) : -1;
       if (got <= 0) {
-        Fail(CSimHaltReason::kConnectError,
-             std::string("the image ") + (got == 0 ? "ended" : "could not be read") +
-                 " at byte " + std::to_string(offset_));
+        Fail(CSimHaltReason::kConnectError, std::string("the image ") +
+                                                (got == 0 ? "ended" : "could not be read") +
+                                                " at byte " + std::to_string(offset_));
         return false;
       }
       std::size_t n = std::min(static_cast<std::size_t>(got), length);
@@ -157,7 +160,12 @@ class CRecover {
       bool absolute = false;
       std::string given = item.original;
       if (!ImagePath(given, &item.original, &absolute)) {
-        source_.Fail(CSimHaltReason::kInternalError, "recover item " + item.original + " has \"..\"");
+        source_.Fail(CSimHaltReason::kInternalError, "recover item " + given + " has \"..\"");
+        return source_.halt();
+      }
+      if (!job_.historyOnly && item.hostDestination.empty()) {
+        source_.Fail(CSimHaltReason::kInternalError,
+                     "recover item " + given + " has no destination");
         return source_.halt();
       }
     }
@@ -207,8 +215,8 @@ class CRecover {
   CTarRead Next(CHeader* header, bool quiet = false) {
     header->offset = source_.offset();
     std::string error;
-    CTarRead got = ReadTarHeader(
-        [this](void* p, std::size_t n) { return source_.ReadExact(p, n); }, &header->tar, &error);
+    CTarRead got = ReadTarHeader([this](void* p, std::size_t n) { return source_.ReadExact(p, n); },
+                                 &header->tar, &error);
     if (got == CTarRead::kBad && !quiet) {
       source_.Fail(CSimHaltReason::kInternalError,
                    "corrupt image at byte " + std::to_string(header->offset) + ": " + error);
@@ -308,7 +316,8 @@ class CRecover {
   // directories, following no symbolic link below `base`). An empty `rel`
   // is `base` itself: *name is empty then.
   bool OpenParent(const std::string& base, const std::string& rel, int* parent, std::string* name) {
-    std::string dir = rel.find('/') == std::string::npos ? "" : rel.substr(0, rel.find_last_of('/'));
+    std::string dir =
+        rel.find('/') == std::string::npos ? "" : rel.substr(0, rel.find_last_of('/'));
     *name = rel.substr(rel.find_last_of('/') == std::string::npos ? 0 : rel.find_last_of('/') + 1);
     std::string key = base + '\0' + dir;
     if (parentFd_ >= 0 && key == parentKey_) {
@@ -323,7 +332,8 @@ class CRecover {
       std::string part = dir.substr(at, slash - at);
       at = slash + 1;
       if (mkdirat(fd, part.c_str(), 0755) != 0 && errno != EEXIST) {
-        Log(1, base + "/" + rel + ": cannot create directory " + part + ": " + std::strerror(errno));
+        Log(1,
+            base + "/" + rel + ": cannot create directory " + part + ": " + std::strerror(errno));
         close(fd);
         return false;
       }
@@ -384,8 +394,8 @@ class CRecover {
   bool WriteFile(int parent, const std::string& name, const std::string& shown,
                  const CTarEntry& tar) {
     Clear(parent, name, false);
-    int fd = openat(parent, name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC,
-                    0600);
+    int fd =
+        openat(parent, name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (fd < 0) {
       Log(1, shown + ": cannot create: " + std::strerror(errno));
       ++failures_;
@@ -432,7 +442,8 @@ class CRecover {
       ++failures_;
       return;
     }
-    struct timespec times[2] = {{0, UTIME_OMIT}, {static_cast<time_t>(tar.mtime), 0}};
+    struct timespec times[2] = {{0, UTIME_OMIT},
+                                {static_cast<time_t>(tar.mtime), static_cast<long>(tar.mtimeNsec)}};
     utimensat(parent, name.c_str(), times, AT_SYMLINK_NOFOLLOW);
   }
 
@@ -440,7 +451,8 @@ class CRecover {
     // Ownership only when we may give it away; its failure is not an error.
     if (geteuid() == 0 && fchown(fd, tar.uid, tar.gid) != 0) errno = 0;
     fchmod(fd, tar.mode);
-    struct timespec times[2] = {{0, UTIME_OMIT}, {static_cast<time_t>(tar.mtime), 0}};
+    struct timespec times[2] = {{0, UTIME_OMIT},
+                                {static_cast<time_t>(tar.mtime), static_cast<long>(tar.mtimeNsec)}};
     futimens(fd, times);
   }
 
@@ -453,9 +465,9 @@ class CRecover {
       int parent = -1;
       std::string name;
       if (!OpenParent(it->base, it->rel, &parent, &name)) continue;
-      int fd = name.empty() ? dup(parent)
-                            : openat(parent, name.c_str(),
-                                     O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+      int fd = name.empty()
+                   ? dup(parent)
+                   : openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
       if (fd < 0) continue;
       SetAttributes(fd, it->tar);
       close(fd);

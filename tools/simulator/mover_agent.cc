@@ -340,7 +340,7 @@ bool CSimMoverAgent::WriteRecord(const unsigned char* record) {
       return false;
     }
     if (outside) {
-      if (!Pause(PauseReason::NDMP_MOVER_PAUSE_SEEK, position)) return false;
+      if (!Pause(PauseReason::NDMP_MOVER_PAUSE_EOW, position)) return false;
       continue;
     }
     CVirtualTape::Status status = CVirtualTape::Status::kIoError;
@@ -467,8 +467,12 @@ bool CSimMoverAgent::Send(std::uint64_t offset, std::uint64_t length) {
 }
 
 bool CSimMoverAgent::Pause(unsigned int reason, std::uint64_t seek) {
-  static const char* const kNames[] = {"", "end of medium", "end of tape data",
-                                       "a position outside the window"};
+  static const char* const kNames[] = {"",
+                                       "end of medium",
+                                       "end of tape data",
+                                       "a read outside the window",
+                                       "a media error",
+                                       "the end of the window"};
   {
     std::lock_guard<std::mutex> lock(mutex_);
     state_ = State::kPaused;
@@ -476,7 +480,7 @@ bool CSimMoverAgent::Pause(unsigned int reason, std::uint64_t seek) {
     seekPosition_ = seek;
   }
   context_.log.info("sim client %u: mover paused at byte %llu: %s", context_.id,
-                    static_cast<unsigned long long>(seek), reason < 4 ? kNames[reason] : "");
+                    static_cast<unsigned long long>(seek), reason < 6 ? kNames[reason] : "");
   CNDMPNotifyMoverPausedPost post;
   post.Reason = CXDREnumBase<PauseReason>(reason);
   post.SeekPosition = CNDMPUQuad(seek);

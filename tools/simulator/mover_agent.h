@@ -4,8 +4,9 @@
 // padded) or the tape to the connection (mode WRITE: it sends nothing until
 // NDMP_MOVER_READ says which bytes of the image to send, then positions the
 // tape by record). It runs on a worker thread and reports with
-// NDMP_NOTIFY_MOVER_PAUSED (end of medium, end of tape data, a read outside
-// the window) and NDMP_NOTIFY_MOVER_HALTED.
+// NDMP_NOTIFY_MOVER_PAUSED (writing: end of medium, end of the window;
+// reading: end of tape data, a read outside the window) and
+// NDMP_NOTIFY_MOVER_HALTED.
 #pragma once
 
 #include <atomic>

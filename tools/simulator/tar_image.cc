@@ -146,7 +146,8 @@ bool ParseNumber(const char* block, CField field, std::uint64_t* value) {
   return digits || field.offset == kChecksum.offset;
 }
 
-bool ParseDecimal(const std::string& text, bool allowSign, std::int64_t* value) {
+bool ParseDecimal(const std::string& text, bool allowSign, std::int64_t* value,
+                  std::uint32_t* nanoseconds = nullptr) {
   std::size_t i = 0;
   bool negative = allowSign && !text.empty() && text[0] == '-';
   if (negative) ++i;
@@ -156,25 +157,55 @@ bool ParseDecimal(const std::string& text, bool allowSign, std::int64_t* value) 
     if (text[i] < '0' || text[i] > '9' || magnitude > (std::uint64_t{1} << 62) / 10) return false;
     magnitude = magnitude * 10 + static_cast<std::uint64_t>(text[i] - '0');
   }
+  std::uint32_t fraction = 0, scale = 1000000000;
+  if (i < text.size() && nanoseconds == nullptr) return false;
+  for (++i; i < text.size(); ++i) {
+    if (text[i] < '0' || text[i] > '9') return false;
+    scale /= 10;
+    fraction += static_cast<std::uint32_t>(text[i] - '0') * scale;
+  }
   *value = negative ? -static_cast<std::int64_t>(magnitude) : static_cast<std::int64_t>(magnitude);
+  if (nanoseconds != nullptr) {
+    // A negative time with a fraction lies below the whole second: -5.25 is -6 + 0.75.
+    *nanoseconds = negative && fraction > 0 ? 1000000000 - fraction : fraction;
+    if (negative && fraction > 0) --*value;
+  }
   return true;
 }
 
+// "SECONDS[.FRACTION]" as pax writes times.
+std::string FormatTime(std::int64_t seconds, std::uint32_t nanoseconds) {
+  if (nanoseconds == 0) return std::to_string(seconds);
+  std::string sign = seconds < 0 ? "-" : "";
+  std::uint64_t whole = seconds < 0 ? static_cast<std::uint64_t>(-(seconds + 1)) : seconds;
+  std::string digits =
+      std::to_string((seconds < 0 ? 1000000000 - nanoseconds : nanoseconds) + 1000000000ull)
+          .substr(1);
+  while (digits.back() == '0') digits.pop_back();
+  return sign + std::to_string(whole) + "." + digits;
+}
+
+// Which fields pax records have set.
+struct CPaxSeen {
+  bool size = false, name = false, link = false, uid = false, gid = false, mtime = false;
+};
+
 // Applies "LEN key=value\n" records; false when they are malformed.
-bool ApplyPax(const std::string& records, CTarEntry* entry, bool* hasSize, bool* hasName,
-              bool* hasLink) {
+bool ApplyPax(const std::string& records, CTarEntry* entry, CPaxSeen* seen) {
   std::size_t at = 0;
   while (at < records.size()) {
     if (records[at] == '\0') break;  // padding some writers leave
     std::size_t space = records.find(' ', at);
     std::int64_t length = 0;
-    if (space == std::string::npos || !ParseDecimal(records.substr(at, space - at), false, &length) ||
+    if (space == std::string::npos ||
+        !ParseDecimal(records.substr(at, space - at), false, &length) ||
         length <= static_cast<std::int64_t>(space - at) + 1 ||
         static_cast<std::uint64_t>(length) > records.size() - at ||
         records[at + static_cast<std::size_t>(length) - 1] != '\n') {
       return false;
     }
-    std::string record = records.substr(space + 1, at + static_cast<std::size_t>(length) - space - 2);
+    std::string record =
+        records.substr(space + 1, at + static_cast<std::size_t>(length) - space - 2);
     at += static_cast<std::size_t>(length);
     std::size_t equals = record.find('=');
     if (equals == std::string::npos) return false;
@@ -182,23 +213,25 @@ bool ApplyPax(const std::string& records, CTarEntry* entry, bool* hasSize, bool*
     std::int64_t number = 0;
     if (key == "path") {
       entry->name = value;
-      *hasName = true;
+      seen->name = true;
     } else if (key == "linkpath") {
       entry->linkName = value;
-      *hasLink = true;
+      seen->link = true;
     } else if (key == "size" || key == "uid" || key == "gid") {
       if (!ParseDecimal(value, false, &number)) return false;
       if (key == "size") {
         entry->size = static_cast<std::uint64_t>(number);
-        *hasSize = true;
+        seen->size = true;
       } else if (key == "uid") {
         entry->uid = static_cast<std::uint32_t>(number);
+        seen->uid = true;
       } else {
         entry->gid = static_cast<std::uint32_t>(number);
+        seen->gid = true;
       }
     } else if (key == "mtime") {
-      if (!ParseDecimal(value, true, &number)) return false;
-      entry->mtime = number;
+      if (!ParseDecimal(value, true, &entry->mtime, &entry->mtimeNsec)) return false;
+      seen->mtime = true;
     }
   }
   return true;
@@ -222,14 +255,16 @@ std::string EncodeTarHeader(const CTarEntry& entry) {
   if (!FitsOctal(entry.size, kSize.width)) AddRecord(&records, "size", std::to_string(entry.size));
   if (!FitsOctal(entry.uid, kUid.width)) AddRecord(&records, "uid", std::to_string(entry.uid));
   if (!FitsOctal(entry.gid, kGid.width)) AddRecord(&records, "gid", std::to_string(entry.gid));
-  if (entry.mtime < 0 || !FitsOctal(static_cast<std::uint64_t>(entry.mtime), kMtime.width)) {
-    AddRecord(&records, "mtime", std::to_string(entry.mtime));
+  if (entry.mtime < 0 || entry.mtimeNsec != 0 ||
+      !FitsOctal(static_cast<std::uint64_t>(entry.mtime), kMtime.width)) {
+    AddRecord(&records, "mtime", FormatTime(entry.mtime, entry.mtimeNsec));
   }
   std::string out;
   if (!records.empty()) {
     std::string base = entry.name;
     while (base.size() > 1 && base.back() == '/') base.pop_back();
-    base = base.substr(base.find_last_of('/') == std::string::npos ? 0 : base.find_last_of('/') + 1);
+    base =
+        base.substr(base.find_last_of('/') == std::string::npos ? 0 : base.find_last_of('/') + 1);
     CTarEntry pax;
     pax.type = 'x';
     pax.mode = 0644;
@@ -239,17 +274,17 @@ std::string EncodeTarHeader(const CTarEntry& entry) {
     out += records;
     out.resize(TarPadded(out.size()), '\0');
   }
-  return out + Block(entry, prefix, name, link, entry.size,
-                     entry.mtime < 0 || !FitsOctal(static_cast<std::uint64_t>(entry.mtime),
-                                                   kMtime.width)
-                         ? 0
-                         : entry.mtime);
+  return out +
+         Block(entry, prefix, name, link, entry.size,
+               entry.mtime < 0 || !FitsOctal(static_cast<std::uint64_t>(entry.mtime), kMtime.width)
+                   ? 0
+                   : entry.mtime);
 }
 
 CTarRead ReadTarHeader(const std::function<bool(void*, std::size_t)>& readExact, CTarEntry* entry,
                        std::string* error) {
   CTarEntry pending;
-  bool hasSize = false, hasName = false, hasLink = false;
+  CPaxSeen seen;
   char block[kTarBlockSize];
   for (;;) {
     if (!readExact(block, sizeof block)) return CTarRead::kIoFailed;
@@ -285,32 +320,34 @@ CTarRead ReadTarHeader(const std::function<bool(void*, std::size_t)>& readExact,
       std::vector<char> data(static_cast<std::size_t>(TarPadded(size)));
       if (!data.empty() && !readExact(data.data(), data.size())) return CTarRead::kIoFailed;
       std::string text(data.data(), static_cast<std::size_t>(size));
-      if (type == 'x' && !ApplyPax(text, &pending, &hasSize, &hasName, &hasLink)) {
+      if (type == 'x' && !ApplyPax(text, &pending, &seen)) {
         *error = "malformed pax extended header";
         return CTarRead::kBad;
       }
       if (type == 'L' || type == 'K') {
         text = text.substr(0, strnlen(text.data(), text.size()));
         (type == 'L' ? pending.name : pending.linkName) = text;
-        (type == 'L' ? hasName : hasLink) = true;
+        (type == 'L' ? seen.name : seen.link) = true;
       }
       continue;
     }
     entry->type = type == '\0' || type == '7' ? '0' : type;
     entry->mode = static_cast<std::uint32_t>(mode & 07777);
-    entry->uid = pending.uid != 0 ? pending.uid : static_cast<std::uint32_t>(uid);
-    entry->gid = pending.gid != 0 ? pending.gid : static_cast<std::uint32_t>(gid);
-    entry->mtime = pending.mtime != 0 ? pending.mtime : static_cast<std::int64_t>(mtime);
-    entry->size = hasSize ? pending.size : size;
-    if (hasName) {
+    entry->uid = seen.uid ? pending.uid : static_cast<std::uint32_t>(uid);
+    entry->gid = seen.gid ? pending.gid : static_cast<std::uint32_t>(gid);
+    entry->mtime = seen.mtime ? pending.mtime : static_cast<std::int64_t>(mtime);
+    entry->mtimeNsec = seen.mtime ? pending.mtimeNsec : 0;
+    entry->size = seen.size ? pending.size : size;
+    if (seen.name) {
       entry->name = pending.name;
     } else {
       std::string prefix = std::memcmp(block + kMagic.offset, "ustar", 5) == 0
                                ? FieldText(block, kPrefix)
                                : std::string();
-      entry->name = prefix.empty() ? FieldText(block, kName) : prefix + "/" + FieldText(block, kName);
+      entry->name =
+          prefix.empty() ? FieldText(block, kName) : prefix + "/" + FieldText(block, kName);
     }
-    entry->linkName = hasLink ? pending.linkName : FieldText(block, kLink);
+    entry->linkName = seen.link ? pending.linkName : FieldText(block, kLink);
     // Links and directories carry no data whatever the size field says.
     if (entry->type == '5' || entry->type == '2' || entry->type == '1') entry->size = 0;
     return CTarRead::kEntry;

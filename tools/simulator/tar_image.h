@@ -2,7 +2,8 @@
 // engine writes and reads them. An entry's header blocks are a pax header
 // ('x') with its records when a field does not fit ustar (long or non-ASCII
 // names and link names, sizes from 8 GiB, ids or times out of the octal
-// range), then the ustar header; the file's data follows, padded to 512.
+// range, modification times with a fraction of a second), then the ustar header; the file's data
+// follows, padded to 512.
 //
 //   std::string blocks = EncodeTarHeader(entry);      // multiple of 512
 //   CTarEntry back;
@@ -29,6 +30,7 @@ struct CTarEntry {
   std::uint32_t mode = 0, uid = 0, gid = 0;
   std::uint64_t size = 0;  // data bytes that follow the header
   std::int64_t mtime = 0;
+  std::uint32_t mtimeNsec = 0;  // carried in a pax record when not zero
 };
 
 // The header blocks of `entry` (a pax header first when one is needed).
