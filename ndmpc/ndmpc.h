@@ -22,6 +22,8 @@
 #include "ndmpc/ndmp/enums/protocol_ids.h"
 #include "ndmpc/ndmp/helpers/scsi_helper.h"
 #include "ndmpc/ndmp/helpers/tape_helper.h"
+#include "ndmpc/ndmp/jobs/file_history.h"
+#include "ndmpc/ndmp/jobs/job.h"
 #include "ndmpc/ndmp/messages/connect_config_messages.h"
 #include "ndmpc/ndmp/messages/data_mover_messages.h"
 #include "ndmpc/ndmp/messages/header.h"

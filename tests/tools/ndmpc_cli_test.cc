@@ -273,6 +273,38 @@ TEST(NdmpcOffline, HelpMessagesAndDemoNeedNoServer) {
   r = RunNdmpc({"demo"}, 120);
   EXPECT_EQ(r.status, 0) << r.out << r.err;
   EXPECT_TRUE(Contains(r.out, "matches the original")) << r.out;
+  EXPECT_TRUE(Contains(r.out, "The restored tree matches the original")) << r.out;
+}
+
+TEST(NdmpcJob, BackupAndRestoreReportInJsonAndExplainFailures) {
+  CTempDir root;
+  const std::string data = WriteRandomFile(root.File("src.bin"), 100000, 5);
+  CSimServerConfig config = CSimFixture::DefaultConfig();
+  config.dataRoot = root.Path();
+  CSimFixture sim(config);
+  CRunResult r = RunNdmpc(With(sim.Target(), {"--json", "backup", "/", "--tape", "t1", "--type",
+                                              "dump", "--env", "NOTE=x"}));
+  ASSERT_EQ(r.status, 0) << r.err;
+  CJson json;
+  ASSERT_TRUE(ParseJson(r.out, &json)) << r.out;
+  EXPECT_EQ(json["outcome"].text, "succeeded");
+  EXPECT_EQ(json["files"].number, 1);
+  EXPECT_GT(json["bytes"].number, 100000);
+  EXPECT_EQ(json["data_halt_reason"].text, "NDMP_DATA_HALT_SUCCESSFUL");
+  EXPECT_EQ(json["environment"]["NOTE"].text, "x");
+  EXPECT_EQ(json["environment"]["TYPE"].text, "dump");
+
+  r = RunNdmpc(With(sim.Target(), {"restore", "--tape", "t1", "--to", "/out", "--type", "dump",
+                                   "/src.bin"}));
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_TRUE(Contains(r.out, "restore of t1 into /out: ")) << r.out;
+  EXPECT_EQ(ReadFile(root.File("out/src.bin")), data);
+
+  // A refused job names the failed step and says what to try.
+  r = RunNdmpc(With(sim.Target(), {"backup", "/missing", "--tape", "t2"}));
+  EXPECT_EQ(r.status, 5);
+  EXPECT_TRUE(Contains(r.err, "data agent (127.0.0.1): NDMP_DATA_START_BACKUP refused")) << r.err;
+  EXPECT_TRUE(Contains(r.err, "try: ")) << r.err;
 }
 
 }  // namespace

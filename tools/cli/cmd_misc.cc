@@ -7,7 +7,9 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
+#include <map>
 #include <random>
 #include <sstream>
 #include <string>
@@ -109,6 +111,43 @@ void EnsureOneTape(CNDMPSimServer& server) {
   std::string error;
   CVirtualTape::Open(server.Config().tapeDir + "/tape0", true, server.Config().tapeCapacity,
                      &error);
+}
+
+// A small tree for the demo's backup: nested directories, text, binary and
+// empty files, a symbolic link.
+void WriteDemoTree(const std::string& root) {
+  std::filesystem::create_directories(root + "/src/lib");
+  std::filesystem::create_directories(root + "/docs");
+  std::ofstream(root + "/README") << "Project notes\n";
+  std::ofstream(root + "/src/main.c") << "int main(void) { return 0; }\n";
+  std::ofstream(root + "/src/lib/util.c") << "int util(void) { return 42; }\n";
+  std::ofstream(root + "/docs/empty.txt").close();
+  std::mt19937 random(7);
+  std::ofstream blob(root + "/docs/data.bin", std::ios::binary);
+  for (int i = 0; i < 200000; ++i) blob.put(static_cast<char>(random()));
+  blob.close();
+  std::filesystem::create_symlink("src/main.c", root + "/main-link");
+}
+
+// Each entry of a tree: type, permission bits, and the content or link
+// target, by path relative to the root.
+std::map<std::string, std::string> DescribeTree(const std::string& root) {
+  std::map<std::string, std::string> tree;
+  std::error_code error;
+  for (std::filesystem::recursive_directory_iterator it(root, error), end; !error && it != end;
+       it.increment(error)) {
+    struct stat st {};
+    if (::lstat(it->path().c_str(), &st) != 0) continue;
+    std::string text = std::to_string(st.st_mode) + ":";
+    if (S_ISLNK(st.st_mode)) {
+      text += std::filesystem::read_symlink(it->path(), error).string();
+    } else if (S_ISREG(st.st_mode)) {
+      std::ifstream file(it->path(), std::ios::binary);
+      text.append(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+    }
+    tree[std::filesystem::relative(it->path(), root, error).string()] = text;
+  }
+  return tree;
 }
 
 }  // namespace
@@ -263,6 +302,8 @@ int CommandDemo(CCommandContext& context) {
   config.authNone = false;
   config.authText = true;
   config.authMD5 = true;
+  config.dataRoot = dir + "/data";
+  WriteDemoTree(config.dataRoot + "/projects");
   CNDMPSimServer server(config, context.log);
   std::string error;
   if (!server.Start(&error)) {
@@ -292,25 +333,27 @@ int CommandDemo(CCommandContext& context) {
     std::string line;
     for (const std::string& arg : args) line += " " + arg;
     if (args[0] == "tape" && args[1] != "state") line += " --record-size 64K";
+    if (args[0] == "backup") line += " --tape tape1";
+    if (args[0] == "restore") line += " --tape tape1 --to /restored";
     std::fprintf(out, "\n$ %s%s\n", prefix.c_str(), line.c_str());
     std::fflush(out);
     client.options.args = args;
     return command(client);
   };
 
-  const std::string original = dir + "/original.bin";
+  const std::string originalFile = dir + "/original.bin";
   const std::string copy = dir + "/copy.bin";
   std::vector<unsigned char> data(300 * 1024 + 123);
   std::mt19937 random(20240611);
   for (unsigned char& byte : data) byte = static_cast<unsigned char>(random());
   {
-    std::ofstream file(original, std::ios::binary);
+    std::ofstream file(originalFile, std::ios::binary);
     file.write(reinterpret_cast<const char*>(data.data()),
                static_cast<std::streamsize>(data.size()));
   }
   int status = run({"info"}, &CommandInfo);
   if (status == kExitOk) {
-    status = run({"tape", "write", "tape0", original}, &CommandTape);
+    status = run({"tape", "write", "tape0", originalFile}, &CommandTape);
   }
   if (status == kExitOk) {
     status = run({"tape", "read", "tape0", copy}, &CommandTape);
@@ -328,14 +371,24 @@ int CommandDemo(CCommandContext& context) {
       status = kExitFailure;
     }
   }
-  server.Stop();
-  ::unlink(original.c_str());
-  ::unlink(copy.c_str());
-  for (const std::string& name : server.TapeNames()) {
-    ::unlink((config.tapeDir + "/" + name).c_str());
+  // A backup of a small tree of the data root, restored elsewhere.
+  client.options.tapeDevice = "tape1";
+  client.options.restoreTo = "/restored";
+  if (status == kExitOk) status = run({"backup", "/projects"}, &CommandBackup);
+  if (status == kExitOk) status = run({"restore"}, &CommandRestore);
+  if (status == kExitOk) {
+    const auto original = DescribeTree(config.dataRoot + "/projects");
+    if (DescribeTree(config.dataRoot + "/restored") == original) {
+      std::fprintf(out, "\nThe restored tree matches the original (%zu entries).\n",
+                   original.size());
+    } else {
+      std::fprintf(out, "\nThe restored tree differs from the original!\n");
+      status = kExitFailure;
+    }
   }
-  ::rmdir(config.tapeDir.c_str());
-  ::rmdir(dir.c_str());
+  server.Stop();
+  std::error_code ignored;
+  std::filesystem::remove_all(dir, ignored);
   std::fprintf(out,
                "\nDone. To keep a server running: ndmpc serve --tape-dir /tmp/tapes, then "
                "`ndmpc info` in another terminal.\n");
@@ -353,7 +406,7 @@ int RunCommand(CCommandContext& context) {
       {"info", &CommandInfo},         {"tape", &CommandTape},       {"scsi", &CommandScsi},
       {"mover", &CommandAgentState},  {"data", &CommandAgentState}, {"send", &CommandSend},
       {"messages", &CommandMessages}, {"watch", &CommandWatch},     {"serve", &CommandServe},
-      {"demo", &CommandDemo},
+      {"demo", &CommandDemo},         {"backup", &CommandBackup},   {"restore", &CommandRestore},
   };
   for (const CCommandRow& row : kCommands) {
     if (command == row.name) return row.run(context);

@@ -32,6 +32,8 @@ int CommandMessages(CCommandContext& context);
 int CommandWatch(CCommandContext& context);
 int CommandServe(CCommandContext& context);
 int CommandDemo(CCommandContext& context);
+int CommandBackup(CCommandContext& context);
+int CommandRestore(CCommandContext& context);
 
 // Prints "ndmpc: <text>" on the error stream; returns `status`.
 int Complain(CCommandContext& context, int status, const std::string& text);

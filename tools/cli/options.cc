@@ -125,6 +125,49 @@ const std::vector<COptionDef>& Definitions() {
          o.noRewind = true;
          return true;
        }},
+      {"tape", 0, true,
+       [](COptions& o, const std::string& v, std::string*) {
+         o.tapeDevice = v;
+         return true;
+       }},
+      {"type", 0, true,
+       [](COptions& o, const std::string& v, std::string* e) {
+         if (v.empty()) *e = "--type needs a backup type (tar, dump)";
+         o.backupType = v;
+         return !v.empty();
+       }},
+      {"env", 0, true,
+       [](COptions& o, const std::string& v, std::string* e) {
+         if (v.find('=') == std::string::npos || v[0] == '=') {
+           *e = "--env needs NAME=VALUE, not '" + v + "'";
+           return false;
+         }
+         o.env.push_back(v);
+         return true;
+       }},
+      {"tape-host", 0, true,
+       [](COptions& o, const std::string& v, std::string* e) {
+         if (v.empty()) *e = "--tape-host needs HOST or HOST:PORT";
+         o.tapeHost = v;
+         return !v.empty();
+       }},
+      {"tape-user", 0, true,
+       [](COptions& o, const std::string& v, std::string*) {
+         o.tapeUser = v;
+         o.tapeCredentialsGiven = true;
+         return true;
+       }},
+      {"tape-password", 0, true,
+       [](COptions& o, const std::string& v, std::string*) {
+         o.tapePassword = v;
+         o.tapeCredentialsGiven = true;
+         return true;
+       }},
+      {"to", 0, true,
+       [](COptions& o, const std::string& v, std::string*) {
+         o.restoreTo = v;
+         return true;
+       }},
       {"listen", 0, true,
        [](COptions& o, const std::string& v, std::string*) {
          o.listen = v;
@@ -293,6 +336,8 @@ Commands:
   send MESSAGE [FIELD=VALUE...] send any request of the catalogue, show the reply
   messages [MESSAGE]            list the messages ndmpc can send, or one's fields
   watch [SECONDS]               print notifications and log posts as they arrive
+  backup FILESYSTEM --tape DEV  back FILESYSTEM up to a tape (two- or three-way)
+  restore --tape DEV --to DIR [PATH...]  restore an image, or some paths of it
   serve                         run the simulated NDMP server
   demo                          start a simulated server and try ndmpc against it
 
@@ -326,6 +371,7 @@ Examples:
   NDMP_HOST=filer1 NDMP_USER=ndmp NDMP_PASSWORD=secret ndmpc --json info
   ndmpc -H filer1 -u ndmp tape write nrst0a backup.img --record-size 256K
   ndmpc -H filer1 -u ndmp send NDMP_TAPE_OPEN Device=nrst0a Mode=NDMP_TAPE_READ_MODE
+  ndmpc -H filer1 -u ndmp backup /vol0 --tape nrst0a --type dump
   ndmpc demo
 )";
 }
@@ -452,6 +498,43 @@ Example:
   ndmpc -H filer1 -u ndmp watch 600
 )";
   }
+  if (command == "backup") {
+    return R"(Usage: ndmpc [OPTIONS] backup FILESYSTEM --tape DEVICE [--type tar|dump]
+                   [--env NAME=VALUE]... [--record-size N] [--file N] [--no-rewind]
+                   [--tape-host HOST[:PORT] [--tape-user U --tape-password P]]
+
+Backs FILESYSTEM of the -H server's data agent up to tape DEVICE. Without
+--tape-host the server's own mover writes the tape (two-way); with it, the
+mover of the tape server HOST does (three-way), logged in with the same
+credentials unless --tape-user/--tape-password are given. The environment
+holds FILESYSTEM and HIST=y (file history is counted as files) unless --env
+sets them. On a terminal a progress bar shows bytes, rate and files; then one
+summary line, or with --json the outcome, bytes, files, duration, halt
+reasons and the data agent's environment (keep it for the restore).
+The tape is rewound first unless --no-rewind; --file N writes after N
+filemarks. Ctrl-C aborts the job (both agents are aborted, the tape is closed).
+
+Examples:
+  ndmpc -H filer1 -u ndmp backup /vol0 --tape nrst0a
+  ndmpc -H filer1 -u ndmp backup /vol0 --tape nrst0a --tape-host tapesrv --type dump
+)";
+  }
+  if (command == "restore") {
+    return R"(Usage: ndmpc [OPTIONS] restore --tape DEVICE --to DIR [PATH...] [--type tar|dump]
+                   [--env NAME=VALUE]... [--record-size N] [--file N] [--no-rewind]
+                   [--tape-host HOST[:PORT] [--tape-user U --tape-password P]]
+
+Restores the image on tape DEVICE into DIR on the -H server's data agent:
+all of it, or only the files and directories PATH (named relative to the
+backed-up FILESYSTEM: /alice/a.txt of a backup of /home), each to DIR/PATH. Give the --type and --env
+of the backup. The tape is rewound first unless --no-rewind; --file N reads
+the image after N filemarks. The tape agent is chosen as for backup.
+
+Examples:
+  ndmpc -H filer1 -u ndmp restore --tape nrst0a --to /restored
+  ndmpc -H filer1 -u ndmp restore --tape nrst0a --to /restored /alice/a.txt /bob
+)";
+  }
   if (command == "serve") {
     return R"(Usage: ndmpc serve [--listen ADDR] [-p PORT] [--tape-dir DIR]
                    [--user USER --password PASS] [--auth md5,text,none]
@@ -487,7 +570,9 @@ Example:
 
 Starts the simulated server on a free loopback port with a temporary tape
 directory, runs `info` against it, writes a file to a virtual tape, reads it
-back and compares the bytes, printing each step. Needs nothing else.
+back and compares the bytes, then backs up a small tree of the server's data
+directory to another tape, restores it elsewhere and compares the two trees,
+printing each step. Needs nothing else.
 )";
   }
   return nullptr;

@@ -46,6 +46,15 @@ struct COptions {
   bool recordSizeGiven = false;
   unsigned int skipFiles = 0;
   bool noRewind = false;
+  // backup and restore.
+  std::string tapeDevice;
+  std::string backupType = "tar";
+  std::vector<std::string> env;  // NAME=VALUE, in order
+  std::string tapeHost;          // HOST[:PORT] of the tape agent (three-way)
+  std::string tapeUser;
+  std::string tapePassword;
+  bool tapeCredentialsGiven = false;
+  std::string restoreTo;
   // serve.
   std::string listen = "127.0.0.1";
   std::string tapeDir;

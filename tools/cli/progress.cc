@@ -36,13 +36,14 @@ double CProgress::Seconds() const {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
 }
 
-void CProgress::Update(std::uint64_t done) {
+void CProgress::Update(std::uint64_t done, const std::string& extra) {
   if (!enabled_) return;
   const auto now = std::chrono::steady_clock::now();
   if (drawn_ && now - lastDraw_ < std::chrono::milliseconds(100)) return;
   lastDraw_ = now;
   drawn_ = true;
-  const std::string rate = HumanRate(done, Seconds());
+  std::string rate = HumanRate(done, Seconds());
+  if (!extra.empty()) rate += "  " + extra;
   if (total_ != 0) {
     const int width = 30;
     const double fraction = done >= total_ ? 1.0 : static_cast<double>(done) / total_;

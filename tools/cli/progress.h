@@ -17,7 +17,8 @@ class CProgress {
  public:
   // Draws only when `stream` is a terminal.
   CProgress(std::FILE* stream, std::uint64_t total);
-  void Update(std::uint64_t done);
+  // `extra` ("1234 files") follows the rate.
+  void Update(std::uint64_t done, const std::string& extra = std::string());
   void Finish();
   double Seconds() const;
 
