@@ -68,7 +68,9 @@ unsigned int CNDMPConnection::PAGInitializeConnection(VxTcpSocket* socket) {
 }
 
 CXDREnumBase<CNDMPError> CNDMPConnection::PAGConnect() {
-  if (connected_.load()) Disconnect();
+  Disconnect();
+  // Sends of other threads wait until the handshake is done.
+  VxGuard sending(sendMutex_);
   if (PAGInitializeConnection(nullptr) != 0) {
     log_.error("[0x%08X] Failed to establish connection", Handle());
     return CNDMPError::NDMP_CONNECT_ERR;
