@@ -365,7 +365,11 @@ CXDREnumBase<CNDMPProtocolVersion> CNDMPConnection::GetProtocolVersion() const {
 
 void CNDMPConnection::SetProtocolVersion(const CXDREnumBase<CNDMPProtocolVersion>& version) {
   version_ = version.getInt32();
-  std::shared_ptr<CSession> session = session_;
+  std::shared_ptr<CSession> session;
+  {
+    VxGuard lock(writeMutex_);
+    session = session_;
+  }
   if (session && session->receiveThread) {
     CXDREnumBase<CNDMPProtocolVersion> copy(version);
     session->receiveThread->SetProtocolVersion(copy);
