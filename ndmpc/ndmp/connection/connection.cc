@@ -55,6 +55,15 @@ CNDMPCredentialProtector& DefaultProtector() {
   return protector;
 }
 
+// Registers a connection's log handler once for the connection's life:
+// unregistering would need the table's lock, which a running callback holds.
+void RegisterOnce(CNDMPCallbackRegistrationTable& table, CNDMPLogCallbackHandler& handler,
+                  CNDMPCallbackRegistration*& registration, void* connection) {
+  if (registration != nullptr) return;
+  handler.SetHandle(connection);
+  registration = table.RegisterCallback(&handler);
+}
+
 }  // namespace
 
 struct CNDMPConnection::CSession {
@@ -173,12 +182,7 @@ void CNDMPConnection::StartThreads() {
   session->receiveThread->SetReplyRouter(this);
   session->dispatchThread =
       std::make_unique<CNDMPMessageDispatchThread>(session->queue, *this, log_);
-  // Registered once for the connection's life: unregistering would need the
-  // table's lock, which a running callback holds.
-  if (logRegistration_ == nullptr) {
-    logHandler_.SetHandle(this);
-    logRegistration_ = CNDMPCallbackRegistrationTable::RegisterCallback(&logHandler_);
-  }
+  RegisterOnce(*this, logHandler_, logRegistration_, this);
   // Each thread holds the session while it runs (see StopSession).
   session->receiveThread->start(session);
   session->dispatchThread->start(session);
@@ -209,6 +213,9 @@ CXDREnumBase<CNDMPError> CNDMPConnection::SetupProtocolVersion(
 CXDREnumBase<CNDMPError> CNDMPConnection::ConnectWith(
     const std::vector<CNDMPProtocolVersion::enum_value>& offers) {
   Disconnect();
+  // The table's lock is never taken under the send lock: a callback (which
+  // runs under the table's lock) may send or disconnect.
+  RegisterOnce(*this, logHandler_, logRegistration_, this);
   {
     // Sends of other threads wait until the connection is up or has failed.
     VxGuard sending(sendMutex_);
