@@ -147,24 +147,26 @@ CNDMPConnection::~CNDMPConnection() {
 }
 
 unsigned int CNDMPConnection::OpenSocket(VxTcpSocket* socket) {
-  std::unique_ptr<VxTcpSocket> opened(socket);
-  if (opened) {
-    hostName_ = ipAddress_ = opened->getRemoteAddress().toIPAddress();
-  } else {
-    opened = std::make_unique<VxTcpSocket>(1);
-    log_.debug("CNDMPConnection using Hostname=%s, IPAddress=%s, PortNumber=%d",
-               hostName_.c_str(), ipAddress_.c_str(), static_cast<int>(port_));
-    if (opened->connect(VxSocketAddress(hostName_, port_, 1)) != 0 &&
-        opened->connect(VxSocketAddress(ipAddress_, port_, 1)) != 0) {
-      return CNDMPError::NDMP_CONNECT_ERR;
-    }
+  const bool accepted = socket != nullptr;
+  auto session = std::make_shared<CSession>(
+      std::unique_ptr<VxTcpSocket>(accepted ? socket : new VxTcpSocket(1)));
+  {
+    VxGuard sending(sendMutex_);
+    VxGuard lock(writeMutex_);
+    socket_ = session->socket.get();
+    session_ = session;
   }
-  auto session = std::make_shared<CSession>(std::move(opened));
-  VxGuard sending(sendMutex_);
-  VxGuard lock(writeMutex_);
-  socket_ = session->socket.get();
-  session_ = std::move(session);
-  return 0;
+  if (accepted) {
+    hostName_ = ipAddress_ = socket->getRemoteAddress().toIPAddress();
+    return 0;
+  }
+  log_.debug("CNDMPConnection using Hostname=%s, IPAddress=%s, PortNumber=%d", hostName_.c_str(),
+             ipAddress_.c_str(), static_cast<int>(port_));
+  // A socket that could not connect stays (as getSocket) until Disconnect:
+  // that is how a caller tells an unreachable server from a refusal.
+  if (socket_->connect(VxSocketAddress(hostName_, port_, 1)) == 0) return 0;
+  if (socket_->connect(VxSocketAddress(ipAddress_, port_, 1)) == 0) return 0;
+  return CNDMPError::NDMP_CONNECT_ERR;
 }
 
 void CNDMPConnection::StartThreads() {
@@ -271,7 +273,10 @@ void CNDMPConnection::StopSession() {
       socket.interruptWait();
       // A peer that stalls inside a record keeps the reader blocked: shut the
       // connection down so that stopping never depends on the peer.
-      if (!reader->waitUntilStopped(kStopWaitMs)) socket.close();
+      if (!reader->waitUntilStopped(kStopWaitMs)) {
+        socket.close();
+        reader->waitUntilStopped(kCallbackGraceMs);
+      }
     }
     if (CNDMPMessageDispatchThread* dispatcher = session->dispatchThread.get()) {
       dispatcher->stop(false);

@@ -74,12 +74,12 @@ class CNDMPConnection : public CNDMPCallbackRegistrationTable, private CINDMPRep
   //   connection and returns at once; the dispatch thread ends once the
   //   callback has returned. Connect and PAGConnect, which disconnect first,
   //   may so be called from a callback too.
-  // - Called from another thread, it waits a bounded time (about two
-  //   seconds, plus up to one for a send of another thread to notice the
-  //   end) for a running callback; the connection is shut down meanwhile,
-  //   which ends a callback's wait for a reply. A callback that still does
-  //   not return is left running: its thread keeps the stream, socket and
-  //   queue it uses alive and releases them when it ends.
+  // - Called from another thread, it waits a bounded time (a few seconds
+  //   at most) for the threads and a running callback; the connection is
+  //   shut down meanwhile, which ends a callback's wait for a reply. A
+  //   callback that still does not return is left running: its thread keeps
+  //   the stream, socket and queue it uses alive and releases them when it
+  //   ends.
   // The destructor disconnects the same way and then waits until every
   // callback still running has returned, because callbacks run inside this
   // object's callback table. So a connection must not be destroyed from one
