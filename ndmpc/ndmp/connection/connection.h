@@ -80,10 +80,11 @@ class CNDMPConnection : public CNDMPCallbackRegistrationTable, private CINDMPRep
   //   callback that still does not return is left running: its thread keeps
   //   the stream, socket and queue it uses alive and releases them when it
   //   ends.
-  // The destructor disconnects the same way and then waits until every
-  // callback still running has returned, because callbacks run inside this
-  // object's callback table. So a connection must not be destroyed from one
-  // of its own callbacks.
+  // The destructor disconnects the same way. Called from one of the
+  // connection's own callbacks it returns at once, and the dispatch thread
+  // drops what is still queued without touching the connection again. From
+  // another thread it waits until a callback still running has returned,
+  // because callbacks run inside this object's callback table.
   CXDREnumBase<enums::CNDMPError> Disconnect();
   // From now on a copy of every received packet lands in GetPacketQueue().
   // A connection made from an accepted socket holds the packets that arrive

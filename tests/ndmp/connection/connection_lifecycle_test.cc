@@ -200,7 +200,12 @@ class CActionCallback : public CINDMPCallback {
 // The lifecycle driven from a callback, and Disconnect next to a callback
 // that does not return. A connection whose Disconnect hangs is leaked, so
 // that a failing case ends instead of hanging the suite.
-enum class Drive { kDisconnectInCallback, kConnectInCallback, kDisconnectBesideBlockedCallback };
+enum class Drive {
+  kDisconnectInCallback,
+  kConnectInCallback,
+  kDestroyInCallback,
+  kDisconnectBesideBlockedCallback
+};
 
 class LifecycleFromCallbacks : public ::testing::TestWithParam<Drive> {};
 
@@ -222,6 +227,10 @@ TEST_P(LifecycleFromCallbacks, NeverWaitsForItself) {
   std::shared_future<void> opened = gate.get_future().share();
   CActionCallback callback([&] {
     if (drive == Drive::kDisconnectInCallback) c->Disconnect();
+    if (drive == Drive::kDestroyInCallback) {
+      delete c;
+      c = nullptr;
+    }
     if (drive == Drive::kConnectInCallback) {
       c->SetPort(second.port());
       EXPECT_EQ(Err(c->Connect()), "NDMP_NO_ERR");
@@ -241,6 +250,7 @@ TEST_P(LifecycleFromCallbacks, NeverWaitsForItself) {
     gate.set_value();
   }
   ASSERT_TRUE(CActionCallback::Wait(callback.done_));
+  if (drive == Drive::kDestroyInCallback) return;
   EXPECT_EQ(c->IsConnected(), drive == Drive::kConnectInCallback);
   if (drive == Drive::kConnectInCallback) {
     EXPECT_EQ(AskHost(*c), "filer");
@@ -250,7 +260,7 @@ TEST_P(LifecycleFromCallbacks, NeverWaitsForItself) {
 
 INSTANTIATE_TEST_SUITE_P(Drives, LifecycleFromCallbacks,
                          ::testing::Values(Drive::kDisconnectInCallback,
-                                           Drive::kConnectInCallback,
+                                           Drive::kConnectInCallback, Drive::kDestroyInCallback,
                                            Drive::kDisconnectBesideBlockedCallback));
 
 // The serving side holds early packets only until the application takes
