@@ -451,9 +451,9 @@ void CIndexWriter::AddNode(const CNDMPHistoryNode& entry) {
 
 // Gives every directory node one path and inserts the node-based entries
 // under them. A directory's path is found through its first name (a
-// directory has one; "." and ".." are skipped); the root is the entry that is
-// its own parent. Chains that loop or never reach the root stay unresolved,
-// and so do the entries under them.
+// directory has one; "." and ".." are skipped); the root is a directory that
+// is its own parent (its "." entry) and has no name. Chains that loop or
+// never reach the root stay unresolved, and so do the entries under them.
 bool CIndexWriter::ResolveNodes(std::string* error) {
   sqlite3* db = index_.db_;
   struct CName {
@@ -461,6 +461,7 @@ bool CIndexWriter::ResolveNodes(std::string* error) {
     std::string name;
   };
   std::unordered_map<std::int64_t, CName> names;
+  std::vector<std::int64_t> selves;
   CStatement dirs(db,
                   "SELECT node, parent, name FROM temp.fh_dir "
                   "WHERE node IN (SELECT parent FROM temp.fh_dir) ORDER BY rowid");
@@ -469,13 +470,14 @@ bool CIndexWriter::ResolveNodes(std::string* error) {
     const std::int64_t node = dirs.Int(0), parent = dirs.Int(1);
     std::string name = dirs.Text(2);
     if (node == parent) {
-      names[node] = {parent, ""};
+      selves.push_back(node);
     } else if (!name.empty() && name != "." && name != ".." &&
                name.find('/') == std::string::npos) {
       names.emplace(node, CName{parent, std::move(name)});
     }
   }
   if (!dirs.Ok() || step != SQLITE_DONE) return index_.Failed(error);
+  for (std::int64_t node : selves) names.emplace(node, CName{node, ""});
 
   std::unordered_map<std::int64_t, std::string> paths;  // "" marks an unresolved node
   std::vector<std::int64_t> chain;
@@ -518,7 +520,7 @@ bool CIndexWriter::ResolveNodes(std::string* error) {
   CStatement root(db,
                   "INSERT OR REPLACE INTO entries SELECT ?1, '', '', type, size, mode, owner, grp, "
                   "mtime, fh_info FROM temp.fh_node "
-                  "WHERE node IN (SELECT node FROM temp.fh_dir WHERE node = parent)");
+                  "WHERE node IN (SELECT node FROM temp.fh_path WHERE path = '/')");
   if (!join.Ok() || join.Bind(1, id_).Step() != SQLITE_DONE || !root.Ok() ||
       root.Bind(1, id_).Step() != SQLITE_DONE) {
     return index_.Failed(error);
