@@ -312,11 +312,12 @@ int IndexedRestore(CCommandContext& context) {
   o.skipFiles = backup.tapeFile;
   o.noRewind = !backup.rewind;
   std::vector<std::string> env;
-  for (const auto& [name, value] : backup.environment) {
+  for (const auto& pair : backup.environment) {
+    const std::string prefix = pair.first + "=";
     const bool overridden = std::any_of(o.env.begin(), o.env.end(), [&](const std::string& e) {
-      return e.compare(0, name.size() + 1, name + "=") == 0;
+      return e.compare(0, prefix.size(), prefix) == 0;
     });
-    if (!overridden) env.push_back(name + "=" + value);
+    if (!overridden) env.push_back(prefix + pair.second);
   }
   env.insert(env.end(), o.env.begin(), o.env.end());
   o.env = env;

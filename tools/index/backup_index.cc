@@ -153,6 +153,21 @@ CIndexEntry RowEntry(sqlite3_stmt* row) {
   return e;
 }
 
+bool InsertEnvironment(sqlite3* db, std::int64_t id,
+                       const std::vector<std::pair<std::string, std::string>>& environment) {
+  CStatement env(db, "INSERT INTO environment VALUES(?1, ?2, ?3, ?4)");
+  for (std::size_t i = 0; i < environment.size(); ++i) {
+    const bool ok = env.Ok() && env.Bind(1, id)
+                                        .Bind(2, static_cast<std::int64_t>(i))
+                                        .Bind(3, environment[i].first)
+                                        .Bind(4, environment[i].second)
+                                        .Step() == SQLITE_DONE;
+    if (!ok) return false;
+    sqlite3_reset(env.Get());
+  }
+  return true;
+}
+
 }  // namespace
 
 std::string CBackupIndex::NormalPath(const std::string& path) {
@@ -363,16 +378,7 @@ bool CIndexWriter::Begin(const CIndexBackup& backup, std::string* error) {
                                 .Bind(7, backup.rewind ? 1 : 0)
                                 .Step() == SQLITE_DONE;
   const std::int64_t id = sqlite3_last_insert_rowid(db);
-  CStatement env(db, "INSERT INTO environment VALUES(?1, ?2, ?3, ?4)");
-  for (std::size_t i = 0; ok && i < backup.environment.size(); ++i) {
-    ok = env.Ok() &&
-         env.Bind(1, id)
-                 .Bind(2, static_cast<std::int64_t>(i))
-                 .Bind(3, backup.environment[i].first)
-                 .Bind(4, backup.environment[i].second)
-                 .Step() == SQLITE_DONE;
-    sqlite3_reset(env.Get());
-  }
+  ok = ok && InsertEnvironment(db, id, backup.environment);
   if (!ok || !index_.Exec("COMMIT", error)) {
     if (!ok) index_.Failed(error);
     sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
@@ -553,17 +559,8 @@ bool CIndexWriter::Finish(const CIndexBackup& end, std::string* error) {
   }
   if (ok && !end.environment.empty()) {
     CStatement clear(db, "DELETE FROM environment WHERE backup = ?1");
-    CStatement env(db, "INSERT INTO environment VALUES(?1, ?2, ?3, ?4)");
-    ok = clear.Ok() && clear.Bind(1, id_).Step() == SQLITE_DONE;
-    for (std::size_t i = 0; ok && i < end.environment.size(); ++i) {
-      ok = env.Ok() &&
-           env.Bind(1, id_)
-                   .Bind(2, static_cast<std::int64_t>(i))
-                   .Bind(3, end.environment[i].first)
-                   .Bind(4, end.environment[i].second)
-                   .Step() == SQLITE_DONE;
-      sqlite3_reset(env.Get());
-    }
+    ok = clear.Ok() && clear.Bind(1, id_).Step() == SQLITE_DONE &&
+         InsertEnvironment(db, id_, end.environment);
     if (!ok) index_.Failed(error);
   }
   ok = ok && index_.Exec("COMMIT", error);
