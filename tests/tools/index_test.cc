@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -40,6 +41,12 @@ void BuildTree(const std::string& root) {
 // Name -> "type mode size mtime", from the file system or from `ls --json`.
 using CListing = std::map<std::string, std::string>;
 
+std::string Describe(const std::string& type, double mode, double size, double mtime) {
+  char text[128];
+  std::snprintf(text, sizeof text, "%s %.0f %.0f %.0f", type.c_str(), mode, size, mtime);
+  return text;
+}
+
 CListing ListDirectory(const std::string& dir) {
   CListing listing;
   for (const auto& item : fs::directory_iterator(dir)) {
@@ -47,8 +54,7 @@ CListing ListDirectory(const std::string& dir) {
     ::lstat(item.path().c_str(), &st);
     const char* type = S_ISDIR(st.st_mode) ? "dir" : S_ISLNK(st.st_mode) ? "symlink" : "file";
     listing[item.path().filename().string()] =
-        std::string(type) + " " + std::to_string(st.st_mode & 07777) + " " +
-        std::to_string(S_ISREG(st.st_mode) ? st.st_size : 0) + " " + std::to_string(st.st_mtime);
+        Describe(type, st.st_mode & 07777, S_ISREG(st.st_mode) ? st.st_size : 0, st.st_mtime);
   }
   return listing;
 }
@@ -61,9 +67,7 @@ CListing ListIndexed(const std::string& index, const std::string& id, const std:
   CListing listing;
   for (const CJson& e : json["entries"].items) {
     listing[e["path"].text.substr(e["path"].text.find_last_of('/') + 1)] =
-        e["type"].text + " " + std::to_string(static_cast<long>(e["mode"].number)) + " " +
-        std::to_string(static_cast<long>(e["size"].number)) + " " +
-        std::to_string(static_cast<long>(e["mtime"].number));
+        Describe(e["type"].text, e["mode"].number, e["size"].number, e["mtime"].number);
   }
   return listing;
 }
