@@ -28,8 +28,9 @@ CJson RunJson(const CSimFixture& sim, const std::vector<std::string>& args, int 
   const CRunResult r = RunNdmpc(With(sim.Target(), With({"--json"}, args)));
   CJson json;
   EXPECT_EQ(r.status, status) << args[0] << "\n" << r.err;
-  EXPECT_TRUE(ParseJson(r.out.substr(0, args[0] == "watch" ? r.out.find('\n') : std::string::npos), &json))
-      << r.out;
+  // `watch` prints one value a line.
+  const std::size_t end = args[0] == "watch" ? r.out.find('\n') : std::string::npos;
+  EXPECT_TRUE(ParseJson(r.out.substr(0, end), &json)) << r.out;
   return r.status == status ? json : CJson();
 }
 

@@ -21,11 +21,10 @@
 #include "ndmpc/ndmp/helpers/tape_helper.h"
 #include "ndmpc/ndmp/messages/connect_config_messages.h"
 #include "ndmpc/ndmp/messages/data_mover_messages.h"
-#include "ndmpc/ndmp/messages/message_access.h"
 #include "ndmpc/ndmp/messages/notify_log_fh_messages.h"
 #include "ndmpc/ndmp/messages/scsi_tape_messages.h"
-#include "ndmpc/ndmp/messages/snapshot_messages.h"
 #include "tests/tools/tools_test_support.h"
+#include "tools/cli/message_builder.h"
 
 namespace com::vx::korvane::ndmpc::tools::testing {
 namespace {
@@ -38,8 +37,8 @@ using Addr = enums::CNDMPEnumAddrType;
 using DataHalt = enums::CNDMPEnumDataHaltReason;
 using MoverHalt = enums::CNDMPEnumMoverHaltReason;
 constexpr unsigned int kOk = CNDMPError::NDMP_NO_ERR;
-constexpr std::uint64_t kAll = ~0ull;
 constexpr unsigned int kRecord = 8192;
+const std::string kAll = "18446744073709551615";  // a length without limit
 
 // A connected (and, unless told otherwise, authenticated) library client.
 class CClient {
@@ -67,6 +66,18 @@ class CClient {
     }
     connection_.FreeMessage(reply);
     return error;
+  }
+  // A request built from text as `ndmpc send` builds it; its error.
+  unsigned int Ask(const std::string& message, const std::vector<std::string>& fields = {}) {
+    std::uint32_t code = 0;
+    std::string error;
+    EXPECT_TRUE(FindMessageCode(message, &code, &error)) << error;
+    std::unique_ptr<CNDMPMessage> request = MakeRequest(code, connection_.GetProtocolVersion());
+    for (const std::string& field : fields) {
+      EXPECT_TRUE(ApplyAssignment(*request, field, &error)) << message << " " << error;
+    }
+    SettleVersion(*request, connection_.GetProtocolVersion());
+    return Ask(*request);
   }
   template <class R>
   std::shared_ptr<R> Get(CNDMPMessage& request) {
@@ -111,15 +122,12 @@ TEST(SimServer, NegotiatesAndAuthenticatesAsConfigured) {
   CClient client(sim.Port());
   ASSERT_TRUE(client.Open(nullptr));
   EXPECT_EQ(client->GetProtocolVersion(), 3u);
-  CNDMPConfigGetServerInfoRequest info;
-  CNDMPConfigGetHostInfoRequest host;
-  CNDMPSnapCreateRequest snap;
-  EXPECT_EQ(client.Ask(info), kOk);
-  EXPECT_EQ(client.Ask(host), CNDMPError::NDMP_NOT_AUTHORIZED_ERR);
-  EXPECT_EQ(client.Ask(snap), CNDMPError::NDMP_NOT_AUTHORIZED_ERR);
+  EXPECT_EQ(client.Ask("NDMP_CONFIG_GET_SERVER_INFO"), kOk);
+  EXPECT_EQ(client.Ask("NDMP_CONFIG_GET_HOST_INFO"), CNDMPError::NDMP_NOT_AUTHORIZED_ERR);
+  EXPECT_EQ(client.Ask("NDMP_SNAP_CREATE"), CNDMPError::NDMP_NOT_AUTHORIZED_ERR);
   ASSERT_EQ(client->Authenticate("ndmp", "secret"), kOk);
-  EXPECT_EQ(client.Ask(host), kOk);
-  EXPECT_EQ(client.Ask(snap), CNDMPError::NDMP_NOT_SUPPORTED_ERR);
+  EXPECT_EQ(client.Ask("NDMP_CONFIG_GET_HOST_INFO"), kOk);
+  EXPECT_EQ(client.Ask("NDMP_SNAP_CREATE"), CNDMPError::NDMP_NOT_SUPPORTED_ERR);
 }
 
 TEST(SimServer, TapeAgentAnswersLikeADriveAndKeepsTapesAcrossARestart) {
@@ -233,11 +241,9 @@ TEST(SimServer, TapeAgentAnswersLikeADriveAndKeepsTapesAcrossARestart) {
 std::string TapeSession(unsigned int port, int i) {
   CClient client(port);
   if (!client.Open()) return "open";
-  CNDMPConfigGetHostInfoRequest host;
-  CNDMPConfigGetFsInfoRequest fs;
-  CNDMPConfigGetTapeInfoRequest tapes;
-  for (CNDMPMessage* request : std::vector<CNDMPMessage*>{&host, &fs, &tapes}) {
-    if (client.Ask(*request) != kOk) return "config";
+  for (const char* request :
+       {"CONFIG_GET_HOST_INFO", "CONFIG_GET_FS_INFO", "CONFIG_GET_TAPE_INFO"}) {
+    if (client.Ask(request) != kOk) return "config";
   }
   const std::string tape = "tape" + std::to_string(i);
   if (CNDMPTapeHelper::TapeOpen(client.get(), tape.c_str(), Mode::NDMP_TAPE_RDWR_MODE, false) !=
@@ -300,14 +306,13 @@ TEST(SimServer, SurvivesGarbageAndStopsWhileClientsAreConnected) {
   ASSERT_EQ(silent.connect(VxSocketAddress("127.0.0.1", sim.Port()), 5000), 0u);
   const unsigned char header[] = {0x7F, 0xFF, 0xFF, 0xFF, 0, 0, 0, 1};
   stuck.write(header, sizeof(header), &written);
-  CNDMPConfigGetHostInfoRequest host;
-  EXPECT_EQ(steady.Ask(host), kOk);
+  EXPECT_EQ(steady.Ask("NDMP_CONFIG_GET_HOST_INFO"), kOk);
   CClient fresh(sim.Port());
   ASSERT_TRUE(fresh.Open());
-  EXPECT_EQ(fresh.Ask(host), kOk);
+  EXPECT_EQ(fresh.Ask("NDMP_CONFIG_GET_HOST_INFO"), kOk);
   sim.Server().Stop();
   EXPECT_EQ(sim.Server().ActiveClients(), 0u);
-  EXPECT_NE(steady.Ask(host), kOk);
+  EXPECT_NE(steady.Ask("NDMP_CONFIG_GET_HOST_INFO"), kOk);
 }
 
 // ---------------------------------------------------------------------------
@@ -369,71 +374,55 @@ class CAgents : public CClient {
   // Record size, window, and the mover and the data agent joined: the mover
   // listens locally and the data agent connects, or (`overTcp`) the data agent
   // listens on TCP and the mover connects.
-  void Join(unsigned int mode, bool overTcp = false) {
-    CNDMPMoverSetRecordSizeRequest size;
-    size.RecordLength = kRecord;
-    CNDMPMoverSetWindowRequest window;
-    window.Length = CNDMPUQuad(kAll);
-    ASSERT_EQ(Ask(size) | Ask(window), kOk);
-    if (overTcp) {
-      CNDMPDataListenRequest listen;
-      listen.AddressType = Addr::NDMP_ADDR_TCP;
-      auto address = Get<CNDMPDataListenReply>(listen);
-      ASSERT_TRUE(address && address->Error == kOk);
-      CNDMPMoverConnectRequest connect;
-      connect.Mode = CXDREnumBase<MoverMode>(mode);
-      connect.Address = address->DataConnAddress;
-      ASSERT_EQ(Ask(connect), kOk);
+  void Join(const std::string& mode, bool overTcp = false) {
+    ASSERT_EQ(Ask("NDMP_MOVER_SET_RECORD_SIZE", {"RecordLength=" + std::to_string(kRecord)}) |
+                  Ask("NDMP_MOVER_SET_WINDOW", {"Length=" + kAll}),
+              kOk);
+    if (!overTcp) {
+      ASSERT_EQ(Ask("NDMP_MOVER_LISTEN", {"Mode=" + mode, "AddressType=NDMP_ADDR_LOCAL"}), kOk);
+      ASSERT_EQ(Ask("NDMP_DATA_CONNECT", {"Address.AddressType=NDMP_ADDR_LOCAL"}), kOk);
       return;
     }
-    CNDMPMoverListenRequest listen;
-    listen.Mode = CXDREnumBase<MoverMode>(mode);
-    listen.AddressType = Addr::NDMP_ADDR_LOCAL;
-    CNDMPDataConnectRequest connect;
-    connect.Address.AddressType = Addr::NDMP_ADDR_LOCAL;
-    ASSERT_EQ(Ask(listen), kOk);
+    CNDMPDataListenRequest listen;
+    listen.AddressType = Addr::NDMP_ADDR_TCP;
+    auto address = Get<CNDMPDataListenReply>(listen);
+    ASSERT_TRUE(address && address->Error == kOk);
+    CNDMPMoverConnectRequest connect;
+    std::string error;
+    ASSERT_TRUE(ApplyAssignment(connect, "Mode=" + mode, &error)) << error;
+    connect.Address = address->DataConnAddress;
     ASSERT_EQ(Ask(connect), kOk);
   }
-  unsigned int Backup(const std::string& type, const std::string& fileSystem) {
-    CNDMPDataStartBackupRequest start;
-    start.BUTypeName = type;
-    start.Environments.AddItem(CNDMPPVal("FILESYSTEM", fileSystem));
-    start.Environments.AddItem(CNDMPPVal("HIST", "y"));
-    return Ask(start);
+  unsigned int Backup(const std::string& type) {
+    return Ask("NDMP_DATA_START_BACKUP", {"BUTypeName=" + type, "Environments=FILESYSTEM=/src",
+                                          "Environments[1].Name=HIST", "Environments[1].Value=y"});
   }
   // Restores the whole image to `destination`, answering the data agent's
   // one read request for all of it; the data agent's halt reason.
   unsigned int RestoreAll(const std::string& destination) {
-    CNDMPDataStartRecoverRequest start;
-    CNDMPName& name = start.NameList.AppendNew();
-    name.OriginalPath = "/";
-    name.DestinationDir = destination;
-    name.FileHistoryInfo = CNDMPUQuad(kAll);
-    start.BackupTypeName = "dump";
+    if (Ask("NDMP_DATA_START_RECOVER",
+            {"BackupTypeName=dump", "NameList[].OriginalPath=/",
+             "NameList[0].DestinationDir=" + destination, "NameList[0].FileHistoryInfo=" + kAll}) !=
+        kOk) {
+      return 0;
+    }
     std::pair<std::uint64_t, std::uint64_t> first;
-    if (Ask(start) != kOk || !posts.Wait([&] {
+    if (!posts.Wait([&] {
           if (!posts.reads.empty()) first = posts.reads[0];
           return !posts.reads.empty();
         })) {
       return 0;
     }
-    EXPECT_EQ(first, std::make_pair(std::uint64_t{0}, kAll));
-    CNDMPMoverReadRequest read;
-    read.Offset = CNDMPUQuad(0);
-    read.Length = CNDMPUQuad(kAll);
-    EXPECT_EQ(Ask(read), kOk);
+    EXPECT_EQ(first, std::make_pair(std::uint64_t{0}, ~std::uint64_t{0}));
+    EXPECT_EQ(Ask("NDMP_MOVER_READ", {"Offset=0", "Length=" + kAll}), kOk);
     return posts.Wait([this] { return posts.dataHalt != 0; }) ? posts.dataHalt : 0;
   }
   // Aborts whatever still runs and brings both agents back to idle.
   void Idle() {
-    CNDMPDataAbortRequest dataAbort;
-    CNDMPMoverAbortRequest moverAbort;
-    CNDMPDataStopRequest dataStop;
-    CNDMPMoverStopRequest moverStop;
-    Ask(dataAbort);
-    Ask(moverAbort);
-    EXPECT_EQ(Ask(dataStop), kOk);
-    EXPECT_EQ(Ask(moverStop), kOk);
+    Ask("NDMP_DATA_ABORT");
+    Ask("NDMP_MOVER_ABORT");
+    EXPECT_EQ(Ask("NDMP_DATA_STOP"), kOk);
+    EXPECT_EQ(Ask("NDMP_MOVER_STOP"), kOk);
     posts.Wait([this] {  // under the posts' lock
       posts.dataHalt = posts.moverHalt = 0;
       return true;
@@ -476,8 +465,8 @@ TEST(SimAgents, JoinedOverTcpTheyBackUpAndRestore) {
   CDataSim data;
   CAgents agents(data.Port());
   ASSERT_EQ(agents.OpenTape("t"), kOk);
-  agents.Join(MoverMode::NDMP_MOVER_MODE_READ, true);
-  ASSERT_EQ(agents.Backup("dump", "/src"), kOk);
+  agents.Join("NDMP_MOVER_MODE_READ", true);
+  ASSERT_EQ(agents.Backup("dump"), kOk);
   ASSERT_TRUE(agents.Halted());
   EXPECT_EQ(agents.posts.dataHalt, DataHalt::NDMP_DATA_HALT_SUCCESSFUL);
   EXPECT_EQ(agents.posts.moverHalt, MoverHalt::NDMP_MOVER_HALT_CONNECTION_CLOSED);
@@ -494,9 +483,8 @@ TEST(SimAgents, JoinedOverTcpTheyBackUpAndRestore) {
   EXPECT_GT(mover->BytesMoved.getUint64(), 306000u);
   agents.Idle();
 
-  unsigned int resid = 0;
-  ASSERT_EQ(CNDMPTapeHelper::TapeMTIO(agents.get(), Op::NDMP_MTIO_REW, 1, &resid), kOk);
-  agents.Join(MoverMode::NDMP_MOVER_MODE_WRITE, true);
+  ASSERT_EQ(agents.Ask("NDMP_TAPE_MTIO", {"TapeOp=NDMP_MTIO_REW", "Count=1"}), kOk);
+  agents.Join("NDMP_MOVER_MODE_WRITE", true);
   EXPECT_EQ(agents.RestoreAll("/copy"), DataHalt::NDMP_DATA_HALT_SUCCESSFUL);
   for (const auto& [name, bytes] : data.files) {
     EXPECT_EQ(ReadFile(data.root.Path() + "/copy" + name), bytes) << name;
@@ -510,15 +498,12 @@ TEST(SimAgents, EndOfMediumPauseEndsOnAnAbortOrADisconnect) {
     {
       CAgents agents(data.Port());
       ASSERT_EQ(agents.OpenTape("t1"), kOk);
-      agents.Join(MoverMode::NDMP_MOVER_MODE_READ);
-      ASSERT_EQ(agents.Backup("tar", "/src"), kOk);
+      agents.Join("NDMP_MOVER_MODE_READ");
+      ASSERT_EQ(agents.Backup("tar"), kOk);
       // Paused at the end of the small tape, the data agent blocked behind it.
       EXPECT_EQ(agents.posts.Paused(), enums::CNDMPEnumMoverPauseReason::NDMP_MOVER_PAUSE_EOM);
       if (!disconnect) {
-        CNDMPDataAbortRequest dataAbort;
-        CNDMPMoverAbortRequest moverAbort;
-        EXPECT_EQ(agents.Ask(dataAbort), kOk);
-        EXPECT_EQ(agents.Ask(moverAbort), kOk);
+        EXPECT_EQ(agents.Ask("NDMP_DATA_ABORT") | agents.Ask("NDMP_MOVER_ABORT"), kOk);
         ASSERT_TRUE(agents.Halted());
         EXPECT_EQ(agents.posts.dataHalt, DataHalt::NDMP_DATA_HALT_ABORTED);
         EXPECT_EQ(agents.posts.moverHalt, MoverHalt::NDMP_MOVER_HALT_ABORTED);
@@ -535,9 +520,7 @@ TEST(SimAgents, DroppedDataConnectionsHaltTheAgents) {
   CAgents agents(data.Port());
   ASSERT_EQ(agents.OpenTape("t"), kOk);
   // A peer that sends 10000 bytes to the mover and goes: two padded records.
-  CNDMPMoverSetRecordSizeRequest size;
-  size.RecordLength = kRecord;
-  ASSERT_EQ(agents.Ask(size), kOk);
+  ASSERT_EQ(agents.Ask("NDMP_MOVER_SET_RECORD_SIZE", {"RecordLength=8192"}), kOk);
   CNDMPMoverListenRequest listen;
   listen.Mode = MoverMode::NDMP_MOVER_MODE_READ;
   listen.AddressType = Addr::NDMP_ADDR_TCP;
@@ -562,16 +545,15 @@ TEST(SimAgents, DroppedDataConnectionsHaltTheAgents) {
   // A mover that accepts the data agent's connection and drops it.
   VxTcpListener listener;
   ASSERT_EQ(listener.listen("127.0.0.1", 0), 0u);
-  CNDMPDataConnectRequest connect;
-  connect.Address.AddressType = Addr::NDMP_ADDR_TCP;
-  CNDMPTcpAddr& to = connect.Address.TcpAddressList.AppendNew();
-  to.IPAddress = 0x7F000001u;
-  to.Port = listener.port();
-  ASSERT_EQ(agents.Ask(connect), kOk);
+  ASSERT_EQ(agents.Ask("NDMP_DATA_CONNECT",
+                       {"Address.AddressType=NDMP_ADDR_TCP",
+                        "Address.TcpAddress[].IPAddress=127.0.0.1",
+                        "Address.TcpAddress[0].Port=" + std::to_string(listener.port())}),
+            kOk);
   VxTcpSocket accepted;
   ASSERT_EQ(listener.accept(accepted, 10000), 0u);
   accepted.close();
-  ASSERT_EQ(agents.Backup("tar", "/src"), kOk);
+  ASSERT_EQ(agents.Backup("tar"), kOk);
   ASSERT_TRUE(agents.posts.Wait([&] { return agents.posts.dataHalt != 0; }));
   EXPECT_EQ(agents.posts.dataHalt, DataHalt::NDMP_DATA_HALT_CONNECT_ERROR);
 }
@@ -589,60 +571,48 @@ TEST(SimAgents, RequestsInTheWrongStateAreRefused) {
   auto types = agents.Get<CNDMPConfigGetButypeAttrReply>(butypes);
   ASSERT_TRUE(types && types->BackupTypeInfo.size() == 2);
   EXPECT_EQ(types->BackupTypeInfo[1].BackupTypeName.GetString(), "dump");
-  auto backup = [](const char* type, const char* fileSystem) {
-    auto start = std::make_shared<CNDMPDataStartBackupRequest>();
-    start->BUTypeName = type;
-    start->Environments.AddItem(CNDMPPVal("FILESYSTEM", fileSystem));
-    return start;
-  };
-  auto recordSize = [](unsigned int size) {
-    auto request = std::make_shared<CNDMPMoverSetRecordSizeRequest>();
-    request->RecordLength = size;
-    return request;
-  };
-  auto listen = std::make_shared<CNDMPMoverListenRequest>();
-  listen->Mode = MoverMode::NDMP_MOVER_MODE_READ;
-  listen->AddressType = Addr::NDMP_ADDR_LOCAL;
-  auto connect = std::make_shared<CNDMPDataConnectRequest>();
-  connect->Address.AddressType = Addr::NDMP_ADDR_LOCAL;
-  auto openTape = std::make_shared<CNDMPTapeOpenRequest>();
-  openTape->Device = "t";
-  openTape->Mode = Mode::NDMP_TAPE_RDWR_MODE;
   constexpr unsigned int kState = CNDMPError::NDMP_ILLEGAL_STATE_ERR;
   constexpr unsigned int kArgs = CNDMPError::NDMP_ILLEGAL_ARGS_ERR;
+  const std::vector<std::string> listen = {"Mode=NDMP_MOVER_MODE_READ",
+                                           "AddressType=NDMP_ADDR_LOCAL"};
+  const std::vector<std::string> local = {"Address.AddressType=NDMP_ADDR_LOCAL"};
+  const auto backup = [](const std::string& type, const std::string& fileSystem) {
+    return std::vector<std::string>{"BUTypeName=" + type, "Environments=FILESYSTEM=" + fileSystem};
+  };
   const struct {
-    std::shared_ptr<CNDMPMessage> request;
+    const char* message;
+    std::vector<std::string> fields;
     unsigned int error;
   } steps[] = {
-      {backup("tar", "/src"), kState},  // no connection
-      {std::make_shared<CNDMPDataStopRequest>(), kState},
-      {std::make_shared<CNDMPDataAbortRequest>(), kState},
-      {std::make_shared<CNDMPDataGetEnvRequest>(), kState},
-      {std::make_shared<CNDMPMoverContinueRequest>(), kState},
-      {std::make_shared<CNDMPMoverStopRequest>(), kState},
-      {std::make_shared<CNDMPMoverReadRequest>(), kState},
-      {connect, kState},  // the mover does not listen
-      {listen, CNDMPError::NDMP_DEV_NOT_OPEN_ERR},
-      {recordSize(0), kArgs},
-      {recordSize(2 * 1024 * 1024), kArgs},
-      {openTape, kOk},
-      {listen, kOk},
-      {listen, kState},
-      {recordSize(kRecord), kState},
-      {std::make_shared<CNDMPTapeCloseRequest>(), kState},
-      {std::make_shared<CNDMPMoverReadRequest>(), kState},  // mode READ
-      {connect, kOk},
-      {connect, kState},
-      {backup("cpio", "/src"), kArgs},
-      {backup("tar", "/../etc"), kArgs},
-      {backup("tar", "/missing"), kArgs},
-      {std::make_shared<CNDMPDataStopRequest>(), kState},
-      {backup("tar", "/src"), kOk},
-      {backup("tar", "/src"), kState},  // a second start
+      {"NDMP_DATA_START_BACKUP", backup("tar", "/src"), kState},  // no connection
+      {"NDMP_DATA_STOP", {}, kState},
+      {"NDMP_DATA_ABORT", {}, kState},
+      {"NDMP_DATA_GET_ENV", {}, kState},
+      {"NDMP_MOVER_CONTINUE", {}, kState},
+      {"NDMP_MOVER_STOP", {}, kState},
+      {"NDMP_MOVER_READ", {}, kState},
+      {"NDMP_DATA_CONNECT", local, kState},  // the mover does not listen
+      {"NDMP_MOVER_LISTEN", listen, CNDMPError::NDMP_DEV_NOT_OPEN_ERR},
+      {"NDMP_MOVER_SET_RECORD_SIZE", {"RecordLength=0"}, kArgs},
+      {"NDMP_MOVER_SET_RECORD_SIZE", {"RecordLength=2097152"}, kArgs},
+      {"NDMP_TAPE_OPEN", {"Device=t", "Mode=rdwr"}, kOk},
+      {"NDMP_MOVER_LISTEN", listen, kOk},
+      {"NDMP_MOVER_LISTEN", listen, kState},
+      {"NDMP_MOVER_SET_RECORD_SIZE", {"RecordLength=8192"}, kState},
+      {"NDMP_TAPE_CLOSE", {}, kState},
+      {"NDMP_MOVER_READ", {}, kState},  // mode READ
+      {"NDMP_DATA_CONNECT", local, kOk},
+      {"NDMP_DATA_CONNECT", local, kState},
+      {"NDMP_DATA_START_BACKUP", backup("cpio", "/src"), kArgs},
+      {"NDMP_DATA_START_BACKUP", backup("tar", "/../etc"), kArgs},
+      {"NDMP_DATA_START_BACKUP", backup("tar", "/missing"), kArgs},
+      {"NDMP_DATA_STOP", {}, kState},
+      {"NDMP_DATA_START_BACKUP", backup("tar", "/src"), kOk},
+      {"NDMP_DATA_START_BACKUP", backup("tar", "/src"), kState},  // a second start
   };
   for (std::size_t i = 0; i < sizeof(steps) / sizeof(steps[0]); ++i) {
-    EXPECT_EQ(agents.Ask(*steps[i].request), steps[i].error)
-        << "step " << i << " " << CNDMPMessageAccess::Code(*steps[i].request).ToString();
+    EXPECT_EQ(agents.Ask(steps[i].message, steps[i].fields), steps[i].error)
+        << "step " << i << " " << steps[i].message;
   }
   ASSERT_TRUE(agents.Halted());
   EXPECT_EQ(agents.posts.dataHalt, DataHalt::NDMP_DATA_HALT_SUCCESSFUL);
