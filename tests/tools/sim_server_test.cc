@@ -183,8 +183,8 @@ TEST(SimServer, TapeAgentAnswersLikeADriveAndKeepsTapesAcrossARestart) {
       {1, "write", "", 1001, CNDMPError::NDMP_ILLEGAL_ARGS_ERR, 0},
       {1, "rew", "", 1, kOk, 0},
       {1, "write", "", 100, kOk, 100},
-      {1, "write", "", 100, kOk, 100},
-      {1, "write", "", 100, CNDMPError::NDMP_EOM_ERR, 0},
+      {1, "write", "", 150, kOk, 150},  // exactly full
+      {1, "write", "", 1, CNDMPError::NDMP_EOM_ERR, 0},
   };
   const std::map<std::string, unsigned int> mtio = {
       {"eof", Op::NDMP_MTIO_EOF}, {"rew", Op::NDMP_MTIO_REW}, {"bsf", Op::NDMP_MTIO_BSF},
