@@ -493,7 +493,7 @@ TEST(SimAgents, JoinedOverTcpTheyBackUpAndRestore) {
 }
 
 TEST(SimAgents, EndOfMediumPauseEndsOnAnAbortOrADisconnect) {
-  CDataSim data(200 * 1024);
+  CDataSim data(64 * 1024);  // far less than the image, so the data agent must wait
   for (bool disconnect : {false, true}) {
     {
       CAgents agents(data.Port());
