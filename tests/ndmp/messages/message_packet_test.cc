@@ -285,12 +285,6 @@ TEST(MessagePacket, SetMessageTwiceReplacesTheClone) {
   EXPECT_EQ(ClassName(stored), "CNDMPTapeCloseRequest");  // the first clone is released (ASan checks)
 }
 
-}  // namespace
-}  // namespace com::vx::korvane::ndmpc
-
-namespace com::vx::korvane::ndmpc {
-namespace {
-
 // Clone is reachable from a derived class only; there it returns the
 // class's own type.
 struct CCloneProbe : CNDMPTapeOpenRequest {
