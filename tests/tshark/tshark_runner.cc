@@ -94,14 +94,11 @@ std::vector<CTsharkProblem> ProblemsOf(const CPdmlPacket& packet) {
 
 std::string FindTshark() {
   const char* path = std::getenv("PATH");
-  std::string dirs = path != nullptr ? path : "/usr/local/bin:/usr/bin:/bin";
-  std::stringstream split(dirs);
-  std::string dir;
-  while (std::getline(split, dir, ':')) {
-    if (dir.empty()) continue;
+  std::stringstream dirs(path != nullptr ? path : "/usr/local/bin:/usr/bin:/bin");
+  for (std::string dir; std::getline(dirs, dir, ':');) {
     const std::string candidate = dir + "/tshark";
     struct stat st {};
-    if (::stat(candidate.c_str(), &st) == 0 && S_ISREG(st.st_mode) &&
+    if (!dir.empty() && ::stat(candidate.c_str(), &st) == 0 && S_ISREG(st.st_mode) &&
         ::access(candidate.c_str(), X_OK) == 0) {
       return candidate;
     }
