@@ -48,6 +48,13 @@ std::vector<unsigned char> XdrString(const std::string& text) {
 TEST(ConnectConfigMessages, ClientAuthEncodesTheArmOfItsType) {
   CNDMPConnectClientAuthRequest none;
   EXPECT_EQ(Hex(EncodeValue(none)), Hex(Bytes({0, 0, 0, 0})));
+  // The connection builds the request first and sets the type afterwards:
+  // the new type's arm is encoded.
+  none.AuthenticationData.AuthenticationType = Auth::NDMP_AUTH_TEXT;
+  none.AuthenticationData.TextAuthenticationData.AuthenticationID = "u";
+  none.AuthenticationData.TextAuthenticationData.AuthenticationPassword = "p";
+  EXPECT_EQ(Hex(EncodeValue(none)),
+            Hex(Concat({Bytes({0, 0, 0, 1}), XdrString("u"), XdrString("p")})));
 
   CNDMPConnectClientAuthRequest text(Auth::NDMP_AUTH_TEXT);
   text.AuthenticationData.TextAuthenticationData.AuthenticationID = "bob";
@@ -115,17 +122,6 @@ TEST(ConnectConfigMessages, DecodedUnionFollowsTheReceivedType) {
   EXPECT_EQ(DecodeValue(Bytes({0, 0, 0, 0}), attr), 0);
   EXPECT_EQ(attr.SerializeSize(), 4u);
   EXPECT_EQ(Hex(EncodeValue(attr)), Hex(Bytes({0, 0, 0, 0})));
-}
-
-TEST(ConnectConfigMessages, TypeSetAfterFirstUseSelectsTheNewArm) {
-  // The connection builds the request first and sets the type afterwards.
-  CNDMPConnectClientAuthRequest request;
-  EXPECT_EQ(request.SerializeSize(), 4u);
-  request.AuthenticationData.AuthenticationType = Auth::NDMP_AUTH_TEXT;
-  request.AuthenticationData.TextAuthenticationData.AuthenticationID = "u";
-  request.AuthenticationData.TextAuthenticationData.AuthenticationPassword = "p";
-  EXPECT_EQ(Hex(EncodeValue(request)),
-            Hex(Concat({Bytes({0, 0, 0, 1}), XdrString("u"), XdrString("p")})));
 }
 
 TEST(ConnectConfigMessages, ServerInfoWithEmptyAuthListDecodesToEmptyArray) {
