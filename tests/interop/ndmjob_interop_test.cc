@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <condition_variable>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -22,6 +21,7 @@
 #include "ndmpc/ndmp/messages/notify_log_fh_messages.h"
 #include "ndmpc/ndmp/messages/scsi_tape_messages.h"
 #include "tests/support/ndmjob_server.h"
+#include "tests/support/peer_support.h"
 #include "tests/support/wire_support.h"
 
 namespace com::vx::korvane::ndmpc {
@@ -39,35 +39,11 @@ using enums::CNDMPMessageCode;
 using enums::CNDMPProtocolVersion;
 using testing::CCapturingLog;
 using testing::CNdmjobServer;
+using testing::CPacketRecorder;
 
 // Upper bound of a wait for a reply the server does give.
 constexpr unsigned int kReplySeconds = 30;
 constexpr unsigned int kLoopback = 0x7F000001;
-
-// Collects the posts of one message code, for a bounded wait on them.
-template <class Post>
-class CPostCollector : public CINDMPCallback {
- public:
-  unsigned int HandleMessagePacket(CNDMPMessagePacket& packet) override {
-    auto* post = dynamic_cast<Post*>(packet.GetMessage());
-    if (post == nullptr) return 0;
-    std::lock_guard<std::mutex> lock(mutex_);
-    posts_.push_back(*post);
-    arrived_.notify_all();
-    return 0;
-  }
-  // Waits up to `ms` for at least `n` posts; returns a copy of those seen.
-  std::vector<Post> WaitFor(std::size_t n, int ms = testing::kWaitMs) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    arrived_.wait_for(lock, std::chrono::milliseconds(ms), [&] { return posts_.size() >= n; });
-    return posts_;
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable arrived_;
-  std::vector<Post> posts_;  // guarded by mutex_
-};
 
 // A log (info level: one "Sending ..." line per request) that counts the
 // lines containing a text, for a bounded wait on the count.
@@ -205,21 +181,19 @@ class Ndmjob : public ::testing::Test {
   std::unique_ptr<CNDMPConnection> connection_;
 };
 
-TEST_F(Ndmjob, ConnectionStatusPostReachesRegisteredCallback) {
-  CPostCollector<CNDMPNotifyConnectionStatusPost> posts;
+TEST_F(Ndmjob, NegotiatesVersion4OrTheForcedVersion3) {
+  // The server's greeting reaches a callback registered for it.
+  CPacketRecorder posts;
   CNDMPCallbackRegistration* registration =
       connection_->RegisterCallback(&posts, CNDMPMessageCode::NDMP_NOTIFY_CONNECTION_STATUS);
   ASSERT_NE(registration, nullptr);
-  ASSERT_EQ(connection_->Connect(), CNDMPError::NDMP_NO_ERR);
-  std::vector<CNDMPNotifyConnectionStatusPost> seen = posts.WaitFor(1);
-  ASSERT_EQ(seen.size(), 1u);
-  EXPECT_EQ(seen[0].Reason, enums::CNDMPEnumConnectionStatusReason::NDMP_CONNECTED);
-  EXPECT_EQ(seen[0].Protocol, CNDMPProtocolVersion::PROTOCOL_VERSION_4);
-  connection_->UnregisterCallback(registration);
-}
-
-TEST_F(Ndmjob, NegotiatesVersion4OrTheForcedVersion3) {
   ASSERT_NO_FATAL_FAILURE(ConnectAndLogIn());
+  ASSERT_EQ(posts.WaitFor(1), 1u);
+  auto* greeting = posts.Body<CNDMPNotifyConnectionStatusPost>(0);
+  ASSERT_NE(greeting, nullptr);
+  EXPECT_EQ(greeting->Reason, enums::CNDMPEnumConnectionStatusReason::NDMP_CONNECTED);
+  EXPECT_EQ(greeting->Protocol, CNDMPProtocolVersion::PROTOCOL_VERSION_4);
+  connection_->UnregisterCallback(registration);
   EXPECT_EQ(connection_->GetProtocolVersion(), CNDMPProtocolVersion::PROTOCOL_VERSION_4);
   EXPECT_TRUE(connection_->IsConnected());
   std::unique_ptr<CNDMPMoverGetStateReply> v4 = MoverState();
@@ -558,7 +532,7 @@ TEST_F(Ndmjob, MoverListensOnTcpAndAborts) {
 
 TEST_F(Ndmjob, MoverHaltCycleUnderVersion3) {
   ASSERT_NO_FATAL_FAILURE(ConnectAndLogIn(3));
-  CPostCollector<CNDMPNotifyMoverHaltedPost> halted;
+  CPacketRecorder halted;
   CNDMPCallbackRegistration* registration =
       connection_->RegisterCallback(&halted, CNDMPMessageCode::NDMP_NOTIFY_MOVER_HALTED);
   std::unique_ptr<CNDMPMoverListenReply> reply = Listen();
@@ -571,9 +545,10 @@ TEST_F(Ndmjob, MoverHaltCycleUnderVersion3) {
   auto aborted = AskOk<CNDMPMoverAbortReply>(abort);
   ASSERT_NE(aborted, nullptr);
   EXPECT_EQ(aborted->NDMP_Error, CNDMPError::NDMP_NO_ERR);
-  std::vector<CNDMPNotifyMoverHaltedPost> posts = halted.WaitFor(1);
-  ASSERT_EQ(posts.size(), 1u);
-  EXPECT_EQ(posts[0].Reason, CNDMPEnumMoverHaltReason::NDMP_MOVER_HALT_ABORTED);
+  ASSERT_EQ(halted.WaitFor(1), 1u);
+  ASSERT_NE(halted.Body<CNDMPNotifyMoverHaltedPost>(0), nullptr);
+  EXPECT_EQ(halted.Body<CNDMPNotifyMoverHaltedPost>(0)->Reason,
+            CNDMPEnumMoverHaltReason::NDMP_MOVER_HALT_ABORTED);
   std::unique_ptr<CNDMPMoverGetStateReply> state = MoverState();
   ASSERT_NE(state, nullptr);
   EXPECT_EQ(state->State, CNDMPEnumMoverState::NDMP_MOVER_STATE_HALTED);

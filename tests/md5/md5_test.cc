@@ -1,12 +1,8 @@
 #include "ndmpc/md5/md5.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <random>
 #include <string>
 #include <vector>
@@ -44,13 +40,24 @@ std::vector<unsigned char> RandomBytes(std::mt19937& rng, size_t n) {
   return data;
 }
 
-// RFC 1321 suite plus runs of 'a' at the padding boundaries (55 bytes leave
-// room for the length in the last block, 56 and more need an extra block).
+// `length` bytes of (i * step) % modulus.
+std::string Pattern(std::size_t length, std::size_t step, std::size_t modulus) {
+  std::string data(length, '\0');
+  for (std::size_t i = 0; i < length; ++i) data[i] = static_cast<char>(i * step % modulus);
+  return data;
+}
+
+// RFC 1321 suite, runs of 'a' at the padding boundaries (55 bytes leave
+// room for the length in the last block, 56 and more need an extra block),
+// bytes above 0x7F, and a length past a megabyte. The digests were taken
+// from an independent MD5 implementation.
 TEST(Md5, MatchesKnownDigests) {
   const struct {
     std::string input;
     const char* digest;
   } kCases[] = {
+      {Pattern(256, 1, 256), "e2c865db4162bed963bfaa9ef6ac18f0"},
+      {Pattern((1u << 20) + 3u, 31, 251), "1be4e23c315ed33390146f9c663c0312"},
       {"", "d41d8cd98f00b204e9800998ecf8427e"},
       {"a", "0cc175b9c0f1b6a831c399e269772661"},
       {"abc", "900150983cd24fb0d6963f7d28e17f72"},
@@ -70,7 +77,7 @@ TEST(Md5, MatchesKnownDigests) {
   };
   for (const auto& c : kCases) {
     EXPECT_EQ(Md5Hex({c.input.begin(), c.input.end()}), c.digest)
-        << "input \"" << c.input << "\"";
+        << "input \"" << c.input.substr(0, 80) << "\" of " << c.input.size() << " bytes";
   }
 }
 
@@ -108,49 +115,6 @@ TEST(Md5, FinalClearsContext) {
   const unsigned char* raw = reinterpret_cast<const unsigned char*>(&ctx);
   for (size_t i = 0; i < sizeof(ctx); ++i) {
     ASSERT_EQ(raw[i], 0) << "byte " << i << " of the context";
-  }
-}
-
-// Writes data to a fresh file under /tmp and returns what `openssl md5`
-// prints for it ("" when openssl fails).
-std::string OpensslMd5(const std::vector<unsigned char>& data) {
-  char path[] = "/tmp/ndmpc_md5_test_XXXXXX";
-  const int fd = mkstemp(path);
-  if (fd < 0) return "";
-  const bool written =
-      write(fd, data.data(), data.size()) == static_cast<ssize_t>(data.size());
-  close(fd);
-  std::string out;
-  if (written) {
-    FILE* pipe =
-        popen(("openssl md5 -r " + std::string(path) + " 2>/dev/null").c_str(), "r");
-    if (pipe != nullptr) {
-      char buf[256];
-      size_t n;
-      while ((n = fread(buf, 1, sizeof(buf), pipe)) > 0) out.append(buf, n);
-      const int status = pclose(pipe);
-      if (status == -1 || !WIFEXITED(status) || WEXITSTATUS(status) != 0) out.clear();
-    }
-  }
-  unlink(path);
-  return out.substr(0, 32);
-}
-
-TEST(Md5, AgreesWithOpensslOnRandomData) {
-  if (OpensslMd5({}) != "d41d8cd98f00b204e9800998ecf8427e") {
-    GTEST_SKIP() << "openssl with MD5 is not available";
-  }
-  std::mt19937 rng(20240521);
-  std::vector<size_t> lengths;
-  for (size_t n = 0; n <= 300; ++n) lengths.push_back(n);
-  for (size_t n : {4095u, 65537u, (1u << 20) + 3u}) lengths.push_back(n);
-
-  for (size_t length : lengths) {
-    const std::vector<unsigned char> data = RandomBytes(rng, length);
-    const std::string expected = OpensslMd5(data);
-    ASSERT_EQ(expected.size(), 32u) << "openssl failed on length " << length;
-    EXPECT_EQ(Md5Hex(data), expected) << "length " << length;
-    EXPECT_EQ(Md5Hex(data, 61), expected) << "length " << length << " in pieces of 61";
   }
 }
 

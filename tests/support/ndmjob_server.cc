@@ -51,18 +51,11 @@ std::string CNdmjobServer::FindProgram() {
   if (const char* env = std::getenv("NDMJOB"); env != nullptr && *env != '\0') {
     return IsExecutable(env) ? env : "";
   }
-  std::vector<std::string> dirs;
-  if (const char* path = std::getenv("PATH"); path != nullptr) {
-    std::stringstream list(path);
-    for (std::string dir; std::getline(list, dir, ':');) {
-      if (!dir.empty()) dirs.push_back(dir);
-    }
-  }
   // The Debian package installs it outside the PATH.
-  dirs.push_back("/usr/lib/amanda");
-  for (const std::string& dir : dirs) {
-    std::string candidate = dir + "/ndmjob";
-    if (IsExecutable(candidate)) return candidate;
+  const char* path = std::getenv("PATH");
+  std::stringstream dirs(std::string(path != nullptr ? path : "") + ":/usr/lib/amanda");
+  for (std::string dir; std::getline(dirs, dir, ':');) {
+    if (!dir.empty() && IsExecutable(dir + "/ndmjob")) return dir + "/ndmjob";
   }
   return "";
 }

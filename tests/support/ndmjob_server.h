@@ -40,9 +40,7 @@ class CNdmjobServer {
   // Stops the server (bounded) and removes its directory. Idempotent.
   void Stop();
 
-  bool running() const { return pid_ > 0; }
   unsigned int port() const { return port_; }
-  pid_t pid() const { return pid_; }
   const std::string& directory() const { return directory_; }
   const std::string& error() const { return error_; }
   // The server's own log (its standard error) so far, for failure messages.

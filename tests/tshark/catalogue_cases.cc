@@ -5,6 +5,7 @@
 // tshark reads from their values (the open exchange, CDBs) keep
 // hand-written cases in special_cases.cc.
 #include <cstdio>
+#include <iterator>
 #include <memory>
 #include <set>
 #include <string>
@@ -119,18 +120,11 @@ const CQuirk kQuirks[] = {
 // version, CDBs and their data go to tshark's SCSI decoder.
 const std::set<std::uint32_t> kHandWritten = {0x900, 0x206, 0x307};
 
+// The family by the code's second byte (0x1.. config, 0x2.. scsi, ...).
 const char* Family(std::uint32_t code) {
-  switch (code >> 8) {
-    case 0x1: return "config";
-    case 0x2: return "scsi";
-    case 0x3: return "tape";
-    case 0x4: return "data";
-    case 0x5: return "notify";
-    case 0x6: return "log";
-    case 0x7: return "fh";
-    case 0x9: return "connect";
-    default: return "mover";
-  }
+  static const char* const kByByte[] = {"mover", "config", "scsi", "tape",    "data",
+                                        "notify", "log",   "fh",   "mover", "connect"};
+  return (code >> 8) < std::size(kByByte) ? kByByte[code >> 8] : "mover";
 }
 
 std::vector<std::string>& UnnamedMembers() {

@@ -14,19 +14,12 @@ constexpr std::uint8_t kSyn = 0x02;
 constexpr std::uint8_t kPsh = 0x08;
 constexpr std::uint8_t kAck = 0x10;
 
-void PutLe32(std::vector<unsigned char>& out, std::uint32_t v) {
-  for (int i = 0; i < 4; ++i) out.push_back(static_cast<unsigned char>(v >> (8 * i)));
-}
-void PutLe16(std::vector<unsigned char>& out, std::uint16_t v) {
-  out.push_back(static_cast<unsigned char>(v));
-  out.push_back(static_cast<unsigned char>(v >> 8));
-}
-void PutBe32(std::vector<unsigned char>& out, std::uint32_t v) {
-  for (int i = 3; i >= 0; --i) out.push_back(static_cast<unsigned char>(v >> (8 * i)));
-}
-void PutBe16(std::vector<unsigned char>& out, std::uint16_t v) {
-  out.push_back(static_cast<unsigned char>(v >> 8));
-  out.push_back(static_cast<unsigned char>(v));
+// Appends the low `bytes` bytes of `v`, big-endian (network order) or
+// little-endian (the capture file's own headers).
+void Put(std::vector<unsigned char>& out, int bytes, bool bigEndian, std::uint32_t v) {
+  for (int i = 0; i < bytes; ++i) {
+    out.push_back(static_cast<unsigned char>(v >> (8 * (bigEndian ? bytes - 1 - i : i))));
+  }
 }
 void SetBe16(std::vector<unsigned char>& out, std::size_t at, std::uint16_t v) {
   out[at] = static_cast<unsigned char>(v >> 8);
@@ -47,21 +40,21 @@ std::uint16_t Checksum(const std::vector<unsigned char>& data, std::size_t at, s
 }  // namespace
 
 CPcapWriter::CPcapWriter() {
-  PutLe32(bytes_, 0xA1B2C3D4u);  // microsecond resolution, little-endian file
-  PutLe16(bytes_, 2);
-  PutLe16(bytes_, 4);
-  PutLe32(bytes_, 0);       // time zone
-  PutLe32(bytes_, 0);       // accuracy
-  PutLe32(bytes_, 262144);  // snap length
-  PutLe32(bytes_, kLinkTypeEthernet);
+  Put(bytes_, 4, false, 0xA1B2C3D4u);  // microsecond resolution, little-endian file
+  Put(bytes_, 2, false, 2);
+  Put(bytes_, 2, false, 4);
+  Put(bytes_, 4, false, 0);       // time zone
+  Put(bytes_, 4, false, 0);       // accuracy
+  Put(bytes_, 4, false, 262144);  // snap length
+  Put(bytes_, 4, false, kLinkTypeEthernet);
 }
 
 std::size_t CPcapWriter::AddFrame(std::uint32_t seconds, std::uint32_t micros,
                                   const std::vector<unsigned char>& frame) {
-  PutLe32(bytes_, seconds);
-  PutLe32(bytes_, micros);
-  PutLe32(bytes_, static_cast<std::uint32_t>(frame.size()));
-  PutLe32(bytes_, static_cast<std::uint32_t>(frame.size()));
+  Put(bytes_, 4, false, seconds);
+  Put(bytes_, 4, false, micros);
+  Put(bytes_, 4, false, static_cast<std::uint32_t>(frame.size()));
+  Put(bytes_, 4, false, static_cast<std::uint32_t>(frame.size()));
   bytes_.insert(bytes_.end(), frame.begin(), frame.end());
   return ++frames_;
 }
@@ -116,34 +109,34 @@ std::size_t CTcpConversation::Segment(bool fromClient, std::uint8_t flags,
   const unsigned char* srcMac = fromClient ? clientMac : serverMac;
   frame.insert(frame.end(), dstMac, dstMac + 6);
   frame.insert(frame.end(), srcMac, srcMac + 6);
-  PutBe16(frame, 0x0800);
+  Put(frame, 2, true, 0x0800);
 
   // IPv4 header.
   const std::size_t ipAt = frame.size();
   const auto totalLength = static_cast<std::uint16_t>(kIpHeader + kTcpHeader + payload.size());
   frame.push_back(0x45);
   frame.push_back(0);
-  PutBe16(frame, totalLength);
-  PutBe16(frame, static_cast<std::uint16_t>(pcap_.FrameCount() + 1));  // identification
-  PutBe16(frame, 0x4000);                                              // don't fragment
+  Put(frame, 2, true, totalLength);
+  Put(frame, 2, true, static_cast<std::uint16_t>(pcap_.FrameCount() + 1));  // identification
+  Put(frame, 2, true, 0x4000);                                              // don't fragment
   frame.push_back(64);                                                 // TTL
   frame.push_back(6);                                                  // TCP
-  PutBe16(frame, 0);                                                   // checksum, below
-  PutBe32(frame, from.ip);
-  PutBe32(frame, to.ip);
+  Put(frame, 2, true, 0);                                                   // checksum, below
+  Put(frame, 4, true, from.ip);
+  Put(frame, 4, true, to.ip);
   SetBe16(frame, ipAt + 10, Checksum(frame, ipAt, kIpHeader));
 
   // TCP header.
   const std::size_t tcpAt = frame.size();
-  PutBe16(frame, from.port);
-  PutBe16(frame, to.port);
-  PutBe32(frame, from.nextSeq);
-  PutBe32(frame, ackNumber);
+  Put(frame, 2, true, from.port);
+  Put(frame, 2, true, to.port);
+  Put(frame, 4, true, from.nextSeq);
+  Put(frame, 4, true, ackNumber);
   frame.push_back(static_cast<unsigned char>((kTcpHeader / 4) << 4));
   frame.push_back(flags);
-  PutBe16(frame, 65535);  // window
-  PutBe16(frame, 0);      // checksum, below
-  PutBe16(frame, 0);      // urgent pointer
+  Put(frame, 2, true, 65535);  // window
+  Put(frame, 2, true, 0);      // checksum, below
+  Put(frame, 2, true, 0);      // urgent pointer
   frame.insert(frame.end(), payload.begin(), payload.end());
 
   // TCP checksum over the pseudo header, the header and the payload.

@@ -1,18 +1,12 @@
 #include "tests/tshark/tshark_runner.h"
 
-#include <fcntl.h>
-#include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <chrono>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <sstream>
-#include <thread>
 #include <utility>
 
 namespace com::vx::korvane::ndmpc::testing {
@@ -22,37 +16,26 @@ namespace {
 constexpr unsigned long kExpertWarning = 0x00600000ul;
 
 std::string Unescape(const std::string& text) {
+  static const std::pair<const char*, char> kNamed[] = {
+      {"amp", '&'}, {"lt", '<'}, {"gt", '>'}, {"quot", '"'}, {"apos", '\''}};
   std::string out;
-  out.reserve(text.size());
   for (std::size_t i = 0; i < text.size(); ++i) {
-    if (text[i] != '&') {
-      out += text[i];
-      continue;
-    }
-    const std::size_t end = text.find(';', i);
+    const std::size_t end = text[i] == '&' ? text.find(';', i) : std::string::npos;
     if (end == std::string::npos) {
       out += text[i];
       continue;
     }
     const std::string entity = text.substr(i + 1, end - i - 1);
-    if (entity == "amp") {
-      out += '&';
-    } else if (entity == "lt") {
-      out += '<';
-    } else if (entity == "gt") {
-      out += '>';
-    } else if (entity == "quot") {
-      out += '"';
-    } else if (entity == "apos") {
-      out += '\'';
-    } else if (!entity.empty() && entity[0] == '#') {
-      const bool hex = entity.size() > 1 && (entity[1] == 'x' || entity[1] == 'X');
-      const unsigned long code =
-          std::strtoul(entity.c_str() + (hex ? 2 : 1), nullptr, hex ? 16 : 10);
-      out += static_cast<char>(code);
-    } else {
-      out += text.substr(i, end - i + 1);
+    std::string replaced = text.substr(i, end - i + 1);  // unknown entities stay
+    for (const auto& [name, c] : kNamed) {
+      if (entity == name) replaced = std::string(1, c);
     }
+    if (entity.size() > 1 && entity[0] == '#') {
+      const bool hex = entity[1] == 'x' || entity[1] == 'X';
+      replaced = std::string(
+          1, static_cast<char>(std::strtoul(entity.c_str() + (hex ? 2 : 1), nullptr, hex ? 16 : 10)));
+    }
+    out += replaced;
     i = end;
   }
   return out;
@@ -76,14 +59,6 @@ bool CPdmlPacket::HasProtocol(const std::string& name) const {
     if (p == name) return true;
   }
   return false;
-}
-
-std::vector<std::string> CPdmlPacket::Shows(const std::string& name) const {
-  std::vector<std::string> shows;
-  for (const auto& f : fields) {
-    if (f.name == name) shows.push_back(f.show);
-  }
-  return shows;
 }
 
 std::vector<const CPdmlField*> CPdmlPacket::Find(const std::string& name) const {
@@ -119,14 +94,11 @@ std::vector<CTsharkProblem> ProblemsOf(const CPdmlPacket& packet) {
 
 std::string FindTshark() {
   const char* path = std::getenv("PATH");
-  std::string dirs = path != nullptr ? path : "/usr/local/bin:/usr/bin:/bin";
-  std::stringstream split(dirs);
-  std::string dir;
-  while (std::getline(split, dir, ':')) {
-    if (dir.empty()) continue;
+  std::stringstream dirs(path != nullptr ? path : "/usr/local/bin:/usr/bin:/bin");
+  for (std::string dir; std::getline(dirs, dir, ':');) {
     const std::string candidate = dir + "/tshark";
     struct stat st {};
-    if (::stat(candidate.c_str(), &st) == 0 && S_ISREG(st.st_mode) &&
+    if (!dir.empty() && ::stat(candidate.c_str(), &st) == 0 && S_ISREG(st.st_mode) &&
         ::access(candidate.c_str(), X_OK) == 0) {
       return candidate;
     }
@@ -136,53 +108,23 @@ std::string FindTshark() {
 
 bool RunTshark(const std::string& program, const std::vector<std::string>& args,
                const std::string& outPath, std::string* error, int timeoutSeconds) {
+  // Each word in single quotes for the shell (a quote inside becomes '\'').
+  auto quote = [](const std::string& word) {
+    std::string quoted = "'";
+    for (char c : word) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return quoted + "'";
+  };
   const std::string errPath = outPath + ".stderr";
-  std::vector<std::string> argvStore;
-  argvStore.push_back(program);
-  argvStore.insert(argvStore.end(), args.begin(), args.end());
-  std::vector<char*> argv;
-  for (auto& a : argvStore) argv.push_back(a.data());
-  argv.push_back(nullptr);
-
-  const pid_t pid = ::fork();
-  if (pid < 0) {
-    *error = std::string("fork failed: ") + std::strerror(errno);
-    return false;
-  }
-  if (pid == 0) {
-    const int out = ::open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    const int err = ::open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    const int in = ::open("/dev/null", O_RDONLY);
-    if (out < 0 || err < 0 || in < 0) ::_exit(126);
-    ::dup2(in, 0);
-    ::dup2(out, 1);
-    ::dup2(err, 2);
-    ::execv(program.c_str(), argv.data());
-    ::_exit(127);
-  }
-
-  // Bounded wait for the child; it is killed when it overruns.
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeoutSeconds);
-  int status = 0;
-  for (;;) {
-    const pid_t done = ::waitpid(pid, &status, WNOHANG);
-    if (done == pid) break;
-    if (done < 0 && errno != EINTR) {
-      *error = std::string("waitpid failed: ") + std::strerror(errno);
-      return false;
-    }
-    if (std::chrono::steady_clock::now() > deadline) {
-      ::kill(pid, SIGKILL);
-      ::waitpid(pid, &status, 0);
-      *error = program + " did not finish within " + std::to_string(timeoutSeconds) + " s";
-      return false;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
+  // timeout(1) bounds the run and kills tshark by its PID when it overruns.
+  std::string command = "timeout -s KILL " + std::to_string(timeoutSeconds) + " " + quote(program);
+  for (const std::string& a : args) command += " " + quote(a);
+  command += " </dev/null >" + quote(outPath) + " 2>" + quote(errPath);
+  const int status = std::system(command.c_str());
   const std::string errText = ReadFile(errPath);
   ::unlink(errPath.c_str());
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-    *error = program + " failed (status " + std::to_string(status) + "): " + errText;
+  if (status == -1 || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+    *error = program + " failed or ran over " + std::to_string(timeoutSeconds) + " s (status " +
+             std::to_string(status) + "): " + errText;
     return false;
   }
   return true;
@@ -191,9 +133,8 @@ bool RunTshark(const std::string& program, const std::vector<std::string>& args,
 std::vector<CPdmlPacket> ParsePdml(const std::string& text) {
   std::vector<CPdmlPacket> packets;
   CPdmlPacket* packet = nullptr;
-  // Open <proto> elements (a protocol may sit inside another's field) and,
-  // for each, the number of <field> elements open inside it.
-  std::vector<std::pair<std::string, int>> protos;
+  // Open <proto> elements (a protocol may sit inside another's field).
+  std::vector<std::string> protos;
   std::size_t at = 0;
   while ((at = text.find('<', at)) != std::string::npos) {
     const std::size_t end = text.find('>', at);
@@ -213,26 +154,22 @@ std::vector<CPdmlPacket> ParsePdml(const std::string& text) {
       continue;
     } else if (name == "proto") {
       packet->protocols.push_back(Attribute(tag, "name"));
-      if (!selfClosing) protos.emplace_back(packet->protocols.back(), 0);
+      if (!selfClosing) protos.push_back(packet->protocols.back());
     } else if (name == "/proto") {
       if (!protos.empty()) protos.pop_back();
     } else if (name == "field") {
       CPdmlField field;
-      field.proto = protos.empty() ? std::string() : protos.back().first;
+      field.proto = protos.empty() ? std::string() : protos.back();
       field.name = Attribute(tag, "name");
       field.show = Attribute(tag, "show");
       field.showname = Attribute(tag, "showname");
       field.value = Attribute(tag, "value");
       field.pos = std::strtoul(Attribute(tag, "pos").c_str(), nullptr, 10);
       field.size = std::strtoul(Attribute(tag, "size").c_str(), nullptr, 10);
-      field.depth = protos.empty() ? 0 : protos.back().second;
       if (field.proto == "geninfo" && field.name == "num") {
         packet->number = std::strtoul(field.show.c_str(), nullptr, 10);
       }
       packet->fields.push_back(std::move(field));
-      if (!selfClosing && !protos.empty()) ++protos.back().second;
-    } else if (name == "/field") {
-      if (!protos.empty() && protos.back().second > 0) --protos.back().second;
     }
   }
   return packets;

@@ -5,7 +5,7 @@
 //   std::string error;
 //   if (RunTshark(tshark, {"-r", pcap, "-T", "pdml"}, out, &error)) {
 //     std::vector<CPdmlPacket> packets = ParsePdml(ReadFile(out));
-//     packets[0].Shows("ndmp.sequence");          // {"7"}
+//     packets[0].Find("ndmp.sequence")[0]->show;  // "7"
 //   }
 #pragma once
 
@@ -15,8 +15,7 @@
 
 namespace com::vx::korvane::ndmpc::testing {
 
-// One <field> of a PDML packet. `proto` is the protocol it sits in,
-// `depth` its nesting below that protocol (0 for a top-level field).
+// One <field> of a PDML packet. `proto` is the protocol it sits in.
 struct CPdmlField {
   std::string proto;
   std::string name;
@@ -25,7 +24,6 @@ struct CPdmlField {
   std::string value;
   std::size_t pos = 0;   // offset in the frame
   std::size_t size = 0;  // bytes covered; 0 for generated items
-  int depth = 0;
 };
 
 struct CPdmlPacket {
@@ -34,8 +32,6 @@ struct CPdmlPacket {
   std::vector<CPdmlField> fields;      // every field, in document order
 
   bool HasProtocol(const std::string& name) const;
-  // The "show" texts of every field called `name`, in order.
-  std::vector<std::string> Shows(const std::string& name) const;
   // The fields called `name`, in order.
   std::vector<const CPdmlField*> Find(const std::string& name) const;
 };

@@ -88,7 +88,12 @@ TEST_F(RecordStream, ReadsRecordSplitIntoEmptyFragments) {
   ASSERT_TRUE(tcp_.PeerWrite(Concat({FragmentHeader(10, false), Slice(data, 0, 10),
                                      FragmentHeader(0, false), FragmentHeader(5, true),
                                      Slice(data, 10, 5), FragmentHeader(4, true), Text("next")})));
-  EXPECT_EQ(Get(15), data);
+  // Zero bytes touch no socket: the header is still unread afterwards.
+  EXPECT_EQ(stream_->getBytes(0, nullptr), 0);
+  EXPECT_EQ(stream_->GetBytesAvailable(), 0);
+  EXPECT_EQ(Get(3), Slice(data, 0, 3));
+  EXPECT_EQ(stream_->GetBytesAvailable(), 7);
+  EXPECT_EQ(Get(12), Slice(data, 3, 12));
   EXPECT_EQ(stream_->GetBytesAvailable(), 0);
   // Reading goes on into the next record.
   EXPECT_EQ(Get(4), Text("next"));
@@ -140,7 +145,9 @@ TEST_F(RecordStream, WritesFragmentsOfAtMostTheBufferSize) {
   EXPECT_TRUE(Errors().empty());
 }
 
-TEST_F(RecordStream, PutBytesLargerThanTheBufferIntoAnEmptyBufferFails) {
+TEST_F(RecordStream, OversizedPutAndEmptyFlushFailAndWriteNothing) {
+  EXPECT_EQ(stream_->flushRecord(), XDR_FAILURE);  // nothing buffered: silently
+  EXPECT_TRUE(Errors().empty());
   const auto big = Pattern(5000);
   EXPECT_EQ(stream_->putBytes(5000, big.data()), XDR_FAILURE);
   EXPECT_EQ(Errors(), (std::vector<std::pair<VxLog::Severity, std::string>>{
@@ -149,26 +156,8 @@ TEST_F(RecordStream, PutBytesLargerThanTheBufferIntoAnEmptyBufferFails) {
   const unsigned char one = 0x42;
   EXPECT_EQ(stream_->putBytes(1, &one), 1);
   EXPECT_EQ(stream_->flushRecord(), 0);
+  EXPECT_EQ(stream_->flushRecord(), XDR_FAILURE);
   EXPECT_EQ(Hex(tcp_.PeerRead(5)), "80 00 00 01 42");
-}
-
-TEST_F(RecordStream, FlushWithNothingBufferedFailsSilentlyAndWritesNothing) {
-  EXPECT_EQ(stream_->flushRecord(), XDR_FAILURE);
-  EXPECT_TRUE(Errors().empty());
-  const unsigned char two[] = {1, 2};
-  stream_->putBytes(2, two);
-  EXPECT_EQ(stream_->flushRecord(), 0);
-  EXPECT_EQ(stream_->flushRecord(), XDR_FAILURE);
-  EXPECT_EQ(Hex(tcp_.PeerRead(6)), "80 00 00 02 01 02");
-}
-
-TEST_F(RecordStream, GetBytesOfZeroTouchesNoSocket) {
-  ASSERT_TRUE(tcp_.PeerWrite(Concat({FragmentHeader(8, true), Pattern(8)})));
-  EXPECT_EQ(stream_->getBytes(0, nullptr), 0);
-  EXPECT_EQ(stream_->GetBytesAvailable(), 0);
-  // The header is still unread: the first value comes from the record's start.
-  EXPECT_EQ(Get(3), Pattern(3));
-  EXPECT_EQ(stream_->GetBytesAvailable(), 5);
 }
 
 TEST_F(RecordStream, IsAvailableWaitsBrieflyAndCountsAnEmptyFragment) {

@@ -25,20 +25,23 @@ using testing::CServingPeer;
 
 const CXDREnumBase<CNDMPEnumTapeOpenMode> kRdwr(CNDMPEnumTapeOpenMode::NDMP_TAPE_RDWR_MODE);
 
-// Answers every tape open with a reply carrying `error`.
-CServingPeer::Answer OpenAnswer(unsigned int error) {
-  return [error](CServingPeer::Request& r) {
-    CNDMPTapeOpenReply reply;
-    reply.NDMP_Error = error;
+// Answers every request with a `Reply` that `fill` sets up.
+template <class Reply, class Fill>
+CServingPeer::Answer Answer(Fill fill) {
+  return [fill](CServingPeer::Request& r) {
+    Reply reply;
+    fill(reply);
     r.Reply(reply);
   };
 }
 
+// Answers every tape open with a reply carrying `error`.
+CServingPeer::Answer OpenAnswer(unsigned int error) {
+  return Answer<CNDMPTapeOpenReply>([error](CNDMPTapeOpenReply& reply) { reply.NDMP_Error = error; });
+}
+
 TEST(TapeHelper, ArgumentErrorsSendNothingAndLeaveOutputs) {
-  CServingPeer peer([](CServingPeer::Request& r) {
-    CNDMPTapeCloseReply reply;
-    r.Reply(reply);
-  });
+  CServingPeer peer(Answer<CNDMPTapeCloseReply>([](CNDMPTapeCloseReply&) {}));
   ASSERT_TRUE(peer.ok());
   CNDMPConnection* c = &peer.client();
   unsigned char buffer[8] = {};
@@ -112,11 +115,9 @@ TEST(TapeHelper, OpenTriesOnceWithoutRetryOrForDottedName) {
 
 TEST(TapeHelper, OpenStopsRetryingAtFirstSuccess) {
   std::atomic<int> answered{0};
-  CServingPeer peer([&answered](CServingPeer::Request& r) {
-    CNDMPTapeOpenReply reply;
+  CServingPeer peer(Answer<CNDMPTapeOpenReply>([&answered](CNDMPTapeOpenReply& reply) {
     reply.NDMP_Error = ++answered < 3 ? CNDMPError::NDMP_DEVICE_BUSY_ERR : CNDMPError::NDMP_NO_ERR;
-    r.Reply(reply);
-  });
+  }));
   ASSERT_TRUE(peer.ok());
   EXPECT_EQ(CNDMPTapeHelper::TapeOpen(&peer.client(), "/dev/nst0",
                                       CNDMPEnumTapeOpenMode::NDMP_TAPE_READ_MODE, true),
@@ -154,12 +155,10 @@ TEST(TapeHelper, MtioSendsOperationAndCopiesResidEvenOnError) {
   };
   for (const Case& k : {Case{CNDMPError::NDMP_NO_ERR, 0}, Case{CNDMPError::NDMP_EOF_ERR, 3},
                         Case{CNDMPError::NDMP_IO_ERR, 5}}) {
-    CServingPeer peer([k](CServingPeer::Request& r) {
-      CNDMPTapeMtioReply reply;
+    CServingPeer peer(Answer<CNDMPTapeMtioReply>([k](CNDMPTapeMtioReply& reply) {
       reply.NDMP_Error = k.error;
       reply.ResidCount = k.resid;
-      r.Reply(reply);
-    });
+    }));
     ASSERT_TRUE(peer.ok());
     unsigned int resid = 99;
     EXPECT_EQ(CNDMPTapeHelper::TapeMTIO(&peer.client(), CNDMPEnumMtioOp::NDMP_MTIO_FSF, 7, &resid),
@@ -197,12 +196,10 @@ TEST(TapeHelper, WriteSendsBytesAndCopiesCountEvenOnError) {
     unsigned int count;
   };
   for (const Case& k : {Case{CNDMPError::NDMP_NO_ERR, 5}, Case{CNDMPError::NDMP_EOM_ERR, 2}}) {
-    CServingPeer peer([k](CServingPeer::Request& r) {
-      CNDMPTapeWriteReply reply;
+    CServingPeer peer(Answer<CNDMPTapeWriteReply>([k](CNDMPTapeWriteReply& reply) {
       reply.NDMP_Error = k.error;
       reply.Count = k.count;
-      r.Reply(reply);
-    });
+    }));
     ASSERT_TRUE(peer.ok());
     unsigned char data[5] = {'a', 'b', 0, 'c', 0xFF};
     unsigned int written = 99;
@@ -234,12 +231,10 @@ TEST(TapeHelper, ReadCopiesDataEvenOnErrorAndNeverPastLength) {
       {"longer than asked", CNDMPError::NDMP_NO_ERR, "0123456789", 4, "0123"},
   };
   for (const Case& k : cases) {
-    CServingPeer peer([&k](CServingPeer::Request& r) {
-      CNDMPTapeReadReply reply;
+    CServingPeer peer(Answer<CNDMPTapeReadReply>([&k](CNDMPTapeReadReply& reply) {
       reply.NDMP_Error = k.error;
       reply.Data.SetData(k.data.data(), k.data.size());
-      r.Reply(reply);
-    });
+    }));
     ASSERT_TRUE(peer.ok());
     std::vector<unsigned char> buffer(16, '#');
     unsigned int read = 99;

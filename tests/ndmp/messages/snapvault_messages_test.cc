@@ -104,9 +104,8 @@ TEST(SnapVaultMessages, DumpsAStatusReply) {
             "\n        }"
             "\n    }"
             "\n}");
-}
 
-TEST(SnapVaultMessages, SnapStatusItemNameKeepsItsBlank) {
+  // This member name keeps its blank.
   CNDMPSvSnapStatusItem item;
   item.Volume = "v";
   item.SnapSetName = "daily";
