@@ -249,10 +249,14 @@ bool CNDMPJob::Prepare() {
   CNDMPMoverSetRecordSizeRequest recordSize;
   recordSize.RecordLength = settings_.recordSize;
   if (!step(false, recordSize, "NDMP_MOVER_SET_RECORD_SIZE")) return false;
+  // Version 4 movers take the window while idle; version 3 ones only once
+  // they listen (an idle one refuses it with NDMP_ILLEGAL_STATE_ERR).
+  const bool windowAfterListen =
+      settings_.tape->GetProtocolVersion() == enums::CNDMPProtocolVersion::PROTOCOL_VERSION_3;
   CNDMPMoverSetWindowRequest window;
   window.Offset = CNDMPUQuad(0);
   window.Length = CNDMPUQuad(~std::uint64_t{0});
-  if (!step(false, window, "NDMP_MOVER_SET_WINDOW")) return false;
+  if (!windowAfterListen && !step(false, window, "NDMP_MOVER_SET_WINDOW")) return false;
 
   CNDMPMoverListenRequest listen;
   listen.Mode = backup_ ? enums::CNDMPEnumMoverMode::NDMP_MOVER_MODE_READ
@@ -265,6 +269,10 @@ bool CNDMPJob::Prepare() {
     return false;
   }
   moverActive_ = true;
+  if (windowAfterListen && !step(false, window, "NDMP_MOVER_SET_WINDOW")) {
+    settings_.tape->FreeMessage(reply);
+    return false;
+  }
   CNDMPDataConnectRequest connect;
   auto* listening = dynamic_cast<CNDMPMoverListenReply*>(reply);
   if (listening != nullptr) {
