@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstring>
 #include <map>
+#include <set>
 
 #include "tools/simulator/data_engine.h"
 #include "tools/simulator/tar_image.h"
@@ -176,6 +177,7 @@ class CRecover {
     }
     Log(0, std::string(job_.historyOnly ? "reading file history of " : "recovering ") +
                std::to_string(items.size()) + " item(s)");
+    const std::vector<CSimRecoverItem> wanted = items;
     bool direct = !job_.historyOnly && std::all_of(items.begin(), items.end(), [](auto& item) {
       return item.fhInfo != kToEnd;
     });
@@ -191,6 +193,13 @@ class CRecover {
     if (!items.empty() && !source_.Stopped()) Sequential(items);
     FinishDirectories();
     SendHistory(true);
+    // A name that matched nothing is worth a warning each: the restore
+    // itself went well, but not everything asked for was there.
+    for (const CSimRecoverItem& item : wanted) {
+      if (!job_.historyOnly && !source_.Stopped() && seen_.count(item.original) == 0) {
+        Log(1, "\"" + item.original + "\": not found in the image");
+      }
+    }
     if (source_.halt() == CSimHaltReason::kSuccessful && failures_ > 0) {
       source_.Fail(CSimHaltReason::kInternalError,
                    std::to_string(failures_) + " entries could not be restored");
@@ -260,6 +269,9 @@ class CRecover {
     if (!source_.Request(0, kToEnd)) return;
     CHeader header;
     while (Next(&header) == CTarRead::kEntry) {
+      for (const CSimRecoverItem& item : items) {  // nested items are found too
+        if (!header.path.empty() && Under(header.path, item.original)) seen_.insert(item.original);
+      }
       auto match = std::find_if(items.begin(), items.end(), [&](const CSimRecoverItem& item) {
         return !header.path.empty() && Under(header.path, item.original);
       });
@@ -273,6 +285,7 @@ class CRecover {
 
   // Restores (or reports) one entry and consumes its data.
   bool Take(const CHeader& header, const CSimRecoverItem& item) {
+    seen_.insert(item.original);
     std::uint64_t padded = TarPadded(header.tar.size);
     if (job_.historyOnly) {
       Report(header);
@@ -520,6 +533,7 @@ class CRecover {
   std::vector<CDirectoryTime> directories_;
   CSimHistoryBuffer history_;
   std::map<std::string, std::uint64_t> nodeNumbers_;
+  std::set<std::string> seen_;  // the items that matched an entry
   std::uint64_t restored_ = 0, failures_ = 0;
 };
 

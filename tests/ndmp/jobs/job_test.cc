@@ -214,8 +214,10 @@ TEST_P(TwoWayJob, BacksUpRestoresWholeAndSelectedFilesWithExactHistory) {
     ASSERT_EQ(described.count(path), 1u) << path;
     items.push_back({path, "/sel" + path, described[path]});
   }
+  items.push_back({"/not/there", "/sel/not/there", 0});  // reported, the rest restored
   const CNDMPJobResult some = Restore(s, items);
-  ASSERT_EQ(some.outcome, Outcome::kSucceeded) << some.error;
+  EXPECT_EQ(some.outcome, Outcome::kFailed);
+  EXPECT_EQ(some.notFound, std::vector<std::string>{"/not/there"}) << some.error;
   std::set<std::string> restoredFiles;
   for (const auto& [path, line] : Snapshot(root.File("sel"))) {
     if (line.rfind(std::to_string(S_IFREG) + " ", 0) == 0) restoredFiles.insert(path);
