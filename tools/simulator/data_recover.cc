@@ -23,6 +23,8 @@ namespace {
 
 constexpr std::uint64_t kToEnd = ~0ull;
 constexpr std::size_t kChunk = 64 * 1024;
+// The most a restore reads ahead within a directory: one request per window.
+constexpr std::uint64_t kReadAhead = 4 << 20;
 
 // "./a//b/" -> "/a/b"; false for names with a ".." component.
 bool ImagePath(const std::string& name, std::string* path, bool* wasAbsolute) {
@@ -65,8 +67,12 @@ std::string Dirname(const std::string& path) {
 }
 
 // The image as the data agent delivers it. In direct mode every read that
-// finds no outstanding bytes asks for exactly what it needs; after ToEnd()
-// (or in a sequential pass) it reads on from the one open-ended request.
+// finds no outstanding bytes asks for what it needs, or (while a read-ahead
+// limit is set) a window of up to kReadAhead bytes below that limit, so that
+// a directory's many small entries cost one request per window rather than
+// two per entry; after ToEnd() (or in a sequential pass) it reads on from
+// one open-ended request. Bytes asked for are always read, also when a seek
+// leaves them behind: the data connection carries nothing else.
 class CSource {
  public:
   explicit CSource(CSimRecoverJob& job) : job_(job) {}
@@ -82,30 +88,49 @@ class CSource {
     }
     return true;
   }
-  void Seek(std::uint64_t offset) {
+  // Moves to `offset`: forward through the outstanding bytes, or after
+  // draining them.
+  bool Seek(std::uint64_t offset) {
+    if (left_ != 0 && offset >= offset_ && (left_ == kToEnd || offset - offset_ <= left_)) {
+      return Skip(offset - offset_);
+    }
+    if (left_ == kToEnd) {
+      Fail(CSimHaltReason::kInternalError, "cannot seek back while reading to the end");
+      return false;
+    }
+    if (left_ != 0 && !Skip(left_)) return false;
     offset_ = offset;
-    left_ = 0;
+    return true;
   }
-  bool ToEnd() { return Request(offset_, kToEnd); }
-  // Asks for the next `length` bytes when nothing is outstanding.
-  bool Want(std::uint64_t length) { return left_ != 0 || length == 0 || Request(offset_, length); }
+  // From the outstanding bytes on, reads to the end of the image.
+  bool ToEnd() {
+    toEnd_ = true;
+    return left_ != 0 || Request(offset_, kToEnd);
+  }
+  // Image offsets below `limit` may be read ahead (0: none).
+  void ReadAhead(std::uint64_t limit) { readAhead_ = limit; }
+  // Asks for the next `length` bytes (or more) when nothing is outstanding.
+  bool Want(std::uint64_t length) {
+    if (left_ != 0 || length == 0) return true;
+    if (toEnd_) return Request(offset_, kToEnd);
+    std::uint64_t ask = length;
+    if (readAhead_ > offset_ + length) ask = std::min(readAhead_ - offset_, std::max(length, kReadAhead));
+    return Request(offset_, ask);
+  }
   bool ReadExact(void* buffer, std::size_t length) {
-    if (!Want(length)) return false;
     char* out = static_cast<char*>(buffer);
     while (length > 0) {
-      if (Stopped()) return false;
-      if (left_ != kToEnd && left_ < length) {
-        Fail(CSimHaltReason::kInternalError, "read past the requested image bytes");
-        return false;
-      }
-      long got = job_.read ? job_.read(out, length) : -1;
+      if (Stopped() || !Want(length)) return false;
+      const std::size_t part =
+          left_ == kToEnd ? length : static_cast<std::size_t>(std::min<std::uint64_t>(length, left_));
+      long got = job_.read ? job_.read(out, part) : -1;
       if (got <= 0) {
         Fail(CSimHaltReason::kConnectError, std::string("the image ") +
                                                 (got == 0 ? "ended" : "could not be read") +
                                                 " at byte " + std::to_string(offset_));
         return false;
       }
-      std::size_t n = std::min(static_cast<std::size_t>(got), length);
+      std::size_t n = std::min(static_cast<std::size_t>(got), part);
       out += n;
       length -= n;
       offset_ += n;
@@ -140,7 +165,8 @@ class CSource {
 
  private:
   CSimRecoverJob& job_;
-  std::uint64_t offset_ = 0, left_ = 0;
+  std::uint64_t offset_ = 0, left_ = 0, readAhead_ = 0;
+  bool toEnd_ = false;
   CSimHaltReason halt_ = CSimHaltReason::kSuccessful;
 };
 
@@ -184,6 +210,7 @@ class CRecover {
     if (direct) {
       std::stable_sort(items.begin(), items.end(),
                        [](auto& a, auto& b) { return a.fhInfo < b.fhInfo; });
+      lastItemOffset_ = items.back().fhInfo;
       std::vector<CSimRecoverItem> missed;
       for (std::size_t i = 0; i < items.size() && !source_.Stopped(); ++i) {
         if (!Direct(items[i], i + 1 == items.size() && missed.empty())) missed.push_back(items[i]);
@@ -243,7 +270,7 @@ class CRecover {
 
   // One item at its known offset; false when the header there is not the item.
   bool Direct(const CSimRecoverItem& item, bool last) {
-    source_.Seek(item.fhInfo);
+    if (!source_.Seek(item.fhInfo)) return true;
     CHeader header;
     if (Next(&header, true) != CTarRead::kEntry || header.path != item.original) {
       if (source_.Stopped()) return true;
@@ -256,17 +283,20 @@ class CRecover {
       return true;
     }
     if (last && !source_.ToEnd()) return true;
+    // The directory's entries follow its header; the image goes on at
+    // least to the last item's header.
+    source_.ReadAhead(lastItemOffset_);
     for (;;) {
-      if (!Take(header, item)) return true;
-      if (Next(&header) != CTarRead::kEntry || header.path.empty() ||
+      if (!Take(header, item) || Next(&header) != CTarRead::kEntry || header.path.empty() ||
           !Under(header.path, item.original)) {
+        source_.ReadAhead(0);
         return true;
       }
     }
   }
 
   void Sequential(const std::vector<CSimRecoverItem>& items) {
-    if (!source_.Request(0, kToEnd)) return;
+    if (!source_.Seek(0) || !source_.Request(0, kToEnd)) return;
     CHeader header;
     while (Next(&header) == CTarRead::kEntry) {
       for (const CSimRecoverItem& item : items) {  // nested items are found too
@@ -534,6 +564,7 @@ class CRecover {
   CSimHistoryBuffer history_;
   std::map<std::string, std::uint64_t> nodeNumbers_;
   std::set<std::string> seen_;  // the items that matched an entry
+  std::uint64_t lastItemOffset_ = 0;  // direct mode: the largest item offset
   std::uint64_t restored_ = 0, failures_ = 0;
 };
 
