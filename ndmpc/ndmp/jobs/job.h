@@ -50,7 +50,12 @@ struct CNDMPJobProgress {
 class CINDMPJobObserver {
  public:
   virtual ~CINDMPJobObserver() = default;
-  // After each state poll, on the thread that runs the job.
+  // After each state poll, on the thread that runs the job (the caller of
+  // Run), not on a dispatch thread: progress is what the job learns from
+  // NDMP_DATA_GET_STATE and NDMP_MOVER_GET_STATE, whose replies go to the
+  // requesting thread, and the connection offers no way to queue work on
+  // its dispatch thread. It may therefore run at the same time as OnLog and
+  // the history sink; an observer that shares state between them locks it.
   virtual void OnProgress(const CNDMPJobProgress& /*progress*/) {}
   // Each log post of either agent ("data" or "tape"), with its
   // enums::CNDMPEnumLogType, on that connection's dispatch thread.
