@@ -23,8 +23,6 @@ namespace {
 
 constexpr std::uint64_t kToEnd = ~0ull;
 constexpr std::size_t kChunk = 64 * 1024;
-// The most a restore reads ahead within a directory: one request per window.
-constexpr std::uint64_t kReadAhead = 4 << 20;
 
 // "./a//b/" -> "/a/b"; false for names with a ".." component.
 bool ImagePath(const std::string& name, std::string* path, bool* wasAbsolute) {
@@ -67,12 +65,12 @@ std::string Dirname(const std::string& path) {
 }
 
 // The image as the data agent delivers it. In direct mode every read that
-// finds no outstanding bytes asks for what it needs, or (while a read-ahead
-// limit is set) a window of up to kReadAhead bytes below that limit, so that
-// a directory's many small entries cost one request per window rather than
-// two per entry; after ToEnd() (or in a sequential pass) it reads on from
-// one open-ended request. Bytes asked for are always read, also when a seek
-// leaves them behind: the data connection carries nothing else.
+// finds no outstanding bytes asks for what it needs; within a directory
+// (HeaderAhead) also for the header block that follows, which is read next
+// anyway, so that each entry costs one request instead of two. After
+// ToEnd() (or in a sequential pass) it reads on from one open-ended
+// request. Bytes asked for are always read, also when a seek leaves them
+// behind: the data connection carries nothing else.
 class CSource {
  public:
   explicit CSource(CSimRecoverJob& job) : job_(job) {}
@@ -107,15 +105,11 @@ class CSource {
     toEnd_ = true;
     return left_ != 0 || Request(offset_, kToEnd);
   }
-  // Image offsets below `limit` may be read ahead (0: none).
-  void ReadAhead(std::uint64_t limit) { readAhead_ = limit; }
+  void HeaderAhead(bool on) { headerAhead_ = on; }
   // Asks for the next `length` bytes (or more) when nothing is outstanding.
   bool Want(std::uint64_t length) {
     if (left_ != 0 || length == 0) return true;
-    if (toEnd_) return Request(offset_, kToEnd);
-    std::uint64_t ask = length;
-    if (readAhead_ > offset_ + length) ask = std::min(readAhead_ - offset_, std::max(length, kReadAhead));
-    return Request(offset_, ask);
+    return Request(offset_, toEnd_ ? kToEnd : length + (headerAhead_ ? kTarBlockSize : 0));
   }
   bool ReadExact(void* buffer, std::size_t length) {
     char* out = static_cast<char*>(buffer);
@@ -165,8 +159,8 @@ class CSource {
 
  private:
   CSimRecoverJob& job_;
-  std::uint64_t offset_ = 0, left_ = 0, readAhead_ = 0;
-  bool toEnd_ = false;
+  std::uint64_t offset_ = 0, left_ = 0;
+  bool toEnd_ = false, headerAhead_ = false;
   CSimHaltReason halt_ = CSimHaltReason::kSuccessful;
 };
 
@@ -210,7 +204,6 @@ class CRecover {
     if (direct) {
       std::stable_sort(items.begin(), items.end(),
                        [](auto& a, auto& b) { return a.fhInfo < b.fhInfo; });
-      lastItemOffset_ = items.back().fhInfo;
       std::vector<CSimRecoverItem> missed;
       for (std::size_t i = 0; i < items.size() && !source_.Stopped(); ++i) {
         if (!Direct(items[i], i + 1 == items.size() && missed.empty())) missed.push_back(items[i]);
@@ -283,13 +276,13 @@ class CRecover {
       return true;
     }
     if (last && !source_.ToEnd()) return true;
-    // The directory's entries follow its header; the image goes on at
-    // least to the last item's header.
-    source_.ReadAhead(lastItemOffset_);
+    // The directory's entries follow its header, each one's data followed by
+    // the next header (at worst the end-of-archive block).
+    source_.HeaderAhead(true);
     for (;;) {
       if (!Take(header, item) || Next(&header) != CTarRead::kEntry || header.path.empty() ||
           !Under(header.path, item.original)) {
-        source_.ReadAhead(0);
+        source_.HeaderAhead(false);
         return true;
       }
     }
@@ -564,7 +557,6 @@ class CRecover {
   CSimHistoryBuffer history_;
   std::map<std::string, std::uint64_t> nodeNumbers_;
   std::set<std::string> seen_;  // the items that matched an entry
-  std::uint64_t lastItemOffset_ = 0;  // direct mode: the largest item offset
   std::uint64_t restored_ = 0, failures_ = 0;
 };
 
