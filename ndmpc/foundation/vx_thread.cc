@@ -56,17 +56,25 @@ VxThread::~VxThread() {
   Join();
 }
 
-bool VxThread::start() {
+bool VxThread::start() { return start(nullptr); }
+
+bool VxThread::start(std::shared_ptr<void> owner) {
   if (running_.load(std::memory_order_acquire)) return false;
   Join();  // collects a run that returned by itself and was never waited for
   stopRequested_.store(false, std::memory_order_release);
   finished_.reset();
   running_.store(true, std::memory_order_release);
   try {
-    thread_ = std::thread([this] {
+    thread_ = std::thread([this, owner = std::move(owner)]() mutable {
+      {
+        std::lock_guard<std::mutex> lock(idMutex_);
+        id_ = std::this_thread::get_id();
+      }
       run();
       running_.store(false, std::memory_order_release);
       finished_.set();
+      // May destroy this object: nothing of it is touched afterwards.
+      owner.reset();
     });
   } catch (const std::system_error&) {
     running_.store(false, std::memory_order_release);
@@ -86,6 +94,11 @@ bool VxThread::waitUntilStopped(unsigned int milliseconds) {
   if (finished_.wait(milliseconds) != 0) return false;
   Join();
   return true;
+}
+
+bool VxThread::isCurrentThread() const {
+  std::lock_guard<std::mutex> lock(idMutex_);
+  return id_ == std::this_thread::get_id();
 }
 
 void VxThread::Join() {

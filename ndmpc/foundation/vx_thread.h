@@ -12,6 +12,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <thread>
 
@@ -91,6 +92,13 @@ class VxThread {
 
   // Starts the thread; false when it is already running or cannot start.
   bool start();
+  // Starts the thread holding `owner` until run() has returned. An object
+  // that owns this thread (directly or not) so stays alive while the thread
+  // runs, even when its other owners let go; the last reference may then be
+  // dropped on this very thread, which detaches itself.
+  bool start(std::shared_ptr<void> owner);
+  // True when called on this object's own thread.
+  bool isCurrentThread() const;
   // Asks run() to end; with `wait` true also waits until it has.
   void stop(bool wait);
   // True until stop() is called.
@@ -109,6 +117,8 @@ class VxThread {
   void Join();
 
   std::thread thread_;
+  mutable std::mutex idMutex_;
+  std::thread::id id_;  // guarded by idMutex_; set by the thread itself
   std::atomic<bool> stopRequested_{false};
   std::atomic<bool> running_{false};
   VxThreadEvent finished_{VxThreadEvent::kManualReset, false};

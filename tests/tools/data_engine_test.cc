@@ -174,20 +174,12 @@ class DataEngine : public ::testing::Test {
 };
 
 TEST_F(DataEngine, ImageIsReadByGnuTarAndRestoresWhole) {
+  // GNU tar extracts every entry with its mode, times, size, content and link.
   CTempDir out;
   std::ofstream(out.File("image.tar"), std::ios::binary) << image_->bytes;
-  std::string tar = "tar --quoting-style=literal -f " + out.File("image.tar");
-  ASSERT_EQ(std::system((tar + " -tv > " + out.File("list")).c_str()), 0);
   ASSERT_EQ(mkdir(out.File("gnu").c_str(), 0755), 0);
-  ASSERT_EQ(std::system((tar + " -x -C " + out.File("gnu")).c_str()), 0);
-  std::set<std::string> listed;
-  std::ifstream in(out.File("list"));
-  for (std::string line; std::getline(in, line);) {
-    std::string name = line.substr(line.find(" ./") + 2);
-    name = name.substr(0, name.find(" -> "));
-    listed.insert(name.size() > 1 && name.back() == '/' ? name.substr(0, name.size() - 1) : name);
-  }
-  EXPECT_EQ(listed, Paths(*tree_));
+  ASSERT_EQ(std::system(("tar -x -f " + out.File("image.tar") + " -C " + out.File("gnu")).c_str()),
+            0);
   EXPECT_EQ(Paths(image_->files), Paths(*tree_));
   EXPECT_EQ(Snapshot(out.File("gnu")), *tree_);
 

@@ -74,16 +74,16 @@ TEST(MessageBuilder, FindsMessagesByLooseNames) {
   EXPECT_NE(error.find("NDMP_SNAP_CREATE"), std::string::npos) << error;
 }
 
+// Lists, unions and enumerations by name are also set by the simulator
+// tests, which write their requests as text.
 TEST(MessageBuilder, SetsFieldsOfEveryKind) {
-  auto request = MakeRequest(enums::CNDMPMessageCode::NDMP_TAPE_OPEN, 4);
   std::string error;
+  auto request = MakeRequest(enums::CNDMPMessageCode::NDMP_TAPE_OPEN, 4);
   ASSERT_TRUE(ApplyAssignment(*request, "Device=/tmp/t=x", &error)) << error;
   ASSERT_TRUE(ApplyAssignment(*request, "mode=rdwr", &error)) << error;
   auto* open = dynamic_cast<CNDMPTapeOpenRequest*>(request.get());
   EXPECT_EQ(open->Device.GetString(), "/tmp/t=x");
   EXPECT_EQ(open->Mode, enums::CNDMPEnumTapeOpenMode::NDMP_TAPE_RDWR_MODE);
-  EXPECT_FALSE(ApplyAssignment(*request, "Mode=raw", &error));  // RAW_MODE and RAW_MODE_OLD
-  EXPECT_NE(error.find("ambiguous"), std::string::npos) << error;
   ASSERT_TRUE(ApplyAssignment(*request, "Mode=2", &error)) << error;
   EXPECT_EQ(open->Mode, 2u);
 
@@ -94,7 +94,6 @@ TEST(MessageBuilder, SetsFieldsOfEveryKind) {
   EXPECT_EQ(static_cast<const unsigned char*>(data->DataOut.GetData())[2], 0x0C);
   ASSERT_TRUE(ApplyAssignment(*write, "DataOut=text:hi", &error)) << error;
   EXPECT_EQ(data->DataOut.GetSize(), 2u);
-  EXPECT_FALSE(ApplyAssignment(*write, "DataOut=0xABC", &error));
 
   auto window = MakeRequest(enums::CNDMPMessageCode::NDMP_MOVER_SET_WINDOW, 4);
   ASSERT_TRUE(ApplyAssignment(*window, "Offset=1099511627776", &error)) << error;
@@ -102,35 +101,12 @@ TEST(MessageBuilder, SetsFieldsOfEveryKind) {
   auto* set = dynamic_cast<CNDMPMoverSetWindowRequest*>(window.get());
   EXPECT_EQ(set->Offset.getUint64(), 1ull << 40);
   EXPECT_EQ(set->Length.getUint64(), 16u);
-}
 
-TEST(MessageBuilder, FillsListsAndUnions) {
-  std::string error;
-  auto backup = MakeRequest(enums::CNDMPMessageCode::NDMP_DATA_START_BACKUP, 4);
-  ASSERT_TRUE(ApplyAssignment(*backup, "Environments=FILESYSTEM=/vol/a", &error)) << error;
-  ASSERT_TRUE(ApplyAssignment(*backup, "Environments[1].Name=LEVEL", &error)) << error;
-  ASSERT_TRUE(ApplyAssignment(*backup, "Environments[1].Value=0", &error)) << error;
-  EXPECT_FALSE(ApplyAssignment(*backup, "Environments[5].Name=X", &error));
-  EXPECT_FALSE(ApplyAssignment(*backup, "Environments.Name=X", &error));
-  auto* start = dynamic_cast<CNDMPDataStartBackupRequest*>(backup.get());
-  ASSERT_EQ(start->Environments.size(), 2u);
-  EXPECT_EQ(start->Environments[0].Value.GetString(), "/vol/a");
-  EXPECT_EQ(start->Environments[1].Name.GetString(), "LEVEL");
-
-  // Choosing a union's arm makes its fields settable; the version decides
-  // whether a TCP address is a list or a single record.
-  auto connect4 = MakeRequest(enums::CNDMPMessageCode::NDMP_MOVER_CONNECT, 4);
-  EXPECT_FALSE(ApplyAssignment(*connect4, "Address.TcpAddress[].Port=1", &error));
-  ASSERT_TRUE(ApplyAssignment(*connect4, "Address.AddressType=NDMP_ADDR_TCP", &error)) << error;
-  ASSERT_TRUE(ApplyAssignment(*connect4, "Address.TcpAddress[].Port=10001", &error)) << error;
-  ASSERT_TRUE(ApplyAssignment(*connect4, "Address.TcpAddress[0].IPAddress=10.1.2.3", &error))
-      << error;
-  auto* mover = dynamic_cast<CNDMPMoverConnectRequest*>(connect4.get());
-  ASSERT_EQ(mover->Address.TcpAddressList.size(), 1u);
-  EXPECT_EQ(mover->Address.TcpAddressList[0].IPAddress, 0x0A010203u);
+  // Under version 3 a TCP address is a single record without environment.
   auto connect3 = MakeRequest(enums::CNDMPMessageCode::NDMP_MOVER_CONNECT, 3);
   ASSERT_TRUE(ApplyAssignment(*connect3, "Address.AddressType=tcp", &error)) << error;
   EXPECT_FALSE(ApplyAssignment(*connect3, "Address.TcpAddress[].Port=1", &error));
+  EXPECT_NE(error.find("'Address.TcpAddress' is not a list"), std::string::npos) << error;
   ASSERT_TRUE(ApplyAssignment(*connect3, "Address.TcpAddress.Port=10001", &error)) << error;
   SettleVersion(*connect3, 3);
   CJsonWriter json;
@@ -138,28 +114,33 @@ TEST(MessageBuilder, FillsListsAndUnions) {
   CJson parsed;
   ASSERT_TRUE(ParseJson(json.Text(), &parsed)) << json.Text();
   EXPECT_EQ(parsed["Address"]["TcpAddress"]["Port"].number, 10001);
-  // Under version 3 a TCP address has no environment.
   EXPECT_FALSE(parsed["Address"]["TcpAddress"].Has("AddressEnv")) << json.Text();
 }
 
 TEST(MessageBuilder, RejectsBadValuesWithReasons) {
-  struct CCase {
+  using Code = enums::CNDMPMessageCode;
+  const struct {
     std::uint32_t code;
     const char* assignment;
     const char* reason;
+  } cases[] = {
+      {Code::NDMP_TAPE_READ, "Count=-1", "32-bit number"},
+      {Code::NDMP_TAPE_READ, "Count=4294967296", "32-bit number"},
+      {Code::NDMP_TAPE_READ, "Cont=1", "its fields are: Count"},
+      {Code::NDMP_TAPE_READ, "Count", "not FIELD=VALUE"},
+      {Code::NDMP_TAPE_MTIO, "TapeOp=spin", "not a value of CNDMPEnumMtioOp"},
+      {Code::NDMP_TAPE_OPEN, "Mode=raw", "ambiguous: NDMP_TAPE_RAW_MODE, NDMP_TAPE_RAW_MODE_OLD"},
+      {Code::NDMP_SCSI_SET_TARGET, "TargetID=70000", "16-bit"},
+      {Code::NDMP_MOVER_CONNECT, "Address=1", "record"},
+      // A union's arms are settable once its discriminant chose one.
+      {Code::NDMP_MOVER_CONNECT, "Address.TcpAddress[].Port=1", "its fields are: AddressType"},
+      {Code::NDMP_DATA_START_BACKUP, "Environments[5].Name=X", "use index 0 (or []) to append"},
+      {Code::NDMP_DATA_START_BACKUP, "Environments.Name=X", "name an element as Environments[0]"},
+      {Code::NDMP_CONFIG_GET_HOST_INFO, "X=1", "no fields"},
+      {Code::NDMP_TAPE_WRITE, "DataOut=plain", "0x0a0b"},
+      {Code::NDMP_TAPE_WRITE, "DataOut=0xABC", "odd number of hex digits"},
   };
-  const CCase cases[] = {
-      {enums::CNDMPMessageCode::NDMP_TAPE_READ, "Count=-1", "32-bit number"},
-      {enums::CNDMPMessageCode::NDMP_TAPE_READ, "Count=4294967296", "32-bit number"},
-      {enums::CNDMPMessageCode::NDMP_TAPE_READ, "Cont=1", "its fields are: Count"},
-      {enums::CNDMPMessageCode::NDMP_TAPE_READ, "Count", "not FIELD=VALUE"},
-      {enums::CNDMPMessageCode::NDMP_TAPE_MTIO, "TapeOp=spin", "not a value of CNDMPEnumMtioOp"},
-      {enums::CNDMPMessageCode::NDMP_SCSI_SET_TARGET, "TargetID=70000", "16-bit"},
-      {enums::CNDMPMessageCode::NDMP_MOVER_CONNECT, "Address=1", "record"},
-      {enums::CNDMPMessageCode::NDMP_CONFIG_GET_HOST_INFO, "X=1", "no fields"},
-      {enums::CNDMPMessageCode::NDMP_TAPE_WRITE, "DataOut=plain", "0x0a0b"},
-  };
-  for (const CCase& c : cases) {
+  for (const auto& c : cases) {
     auto request = MakeRequest(c.code, 4);
     std::string error;
     EXPECT_FALSE(ApplyAssignment(*request, c.assignment, &error)) << c.assignment;

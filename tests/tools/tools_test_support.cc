@@ -1,12 +1,10 @@
 #include "tests/tools/tools_test_support.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,6 +12,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <random>
 #include <sstream>
@@ -23,58 +22,35 @@ extern char** environ;
 namespace com::vx::korvane::ndmpc::tools::testing {
 namespace {
 
-void RemoveTree(const std::string& path) {
-  if (DIR* dir = ::opendir(path.c_str())) {
-    while (dirent* entry = ::readdir(dir)) {
-      const std::string name = entry->d_name;
-      if (name == "." || name == "..") continue;
-      const std::string child = path + "/" + name;
-      struct stat info {};
-      if (::lstat(child.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) {
-        RemoveTree(child);
-      } else {
-        ::unlink(child.c_str());
-      }
-    }
-    ::closedir(dir);
-  }
-  ::rmdir(path.c_str());
-}
-
 class CJsonParser {
  public:
   explicit CJsonParser(const std::string& text) : text_(text) {}
-
-  bool ParseAll(CJson* value) {
-    if (!Parse(value)) return false;
-    SkipSpace();
-    return pos_ == text_.size();
-  }
+  bool ParseAll(CJson* value) { return Parse(value) && (SkipSpace(), pos_ == text_.size()); }
 
  private:
   void SkipSpace() {
     while (pos_ < text_.size() && std::isspace(static_cast<unsigned char>(text_[pos_]))) ++pos_;
   }
+  // Consumes `c` after any space.
+  bool Eat(char c) {
+    SkipSpace();
+    return pos_ < text_.size() && text_[pos_] == c && ++pos_ != 0;
+  }
   bool Literal(const char* word) {
     const std::size_t n = std::strlen(word);
-    if (text_.compare(pos_, n, word) != 0) return false;
-    pos_ += n;
-    return true;
+    return text_.compare(pos_, n, word) == 0 && (pos_ += n) != 0;
   }
   bool ParseString(std::string* out) {
-    if (text_[pos_] != '"') return false;
-    ++pos_;
+    if (!Eat('"')) return false;
     while (pos_ < text_.size() && text_[pos_] != '"') {
-      char c = text_[pos_++];
-      if (static_cast<unsigned char>(c) < 0x20) return false;
+      const char c = text_[pos_++];
+      if (static_cast<unsigned char>(c) < 0x20 || (c == '\\' && pos_ >= text_.size())) return false;
       if (c != '\\') {
         *out += c;
         continue;
       }
-      if (pos_ >= text_.size()) return false;
+      static const char kFrom[] = "\"\\/bfnrt", kTo[] = "\"\\/\b\f\n\r\t";
       const char e = text_[pos_++];
-      static const char kFrom[] = "\"\\/bfnrt";
-      static const char kTo[] = "\"\\/\b\f\n\r\t";
       if (const char* at = std::strchr(kFrom, e); at != nullptr && e != '\0') {
         *out += kTo[at - kFrom];
         continue;
@@ -83,90 +59,47 @@ class CJsonParser {
       const auto cp = static_cast<unsigned int>(std::stoul(text_.substr(pos_, 4), nullptr, 16));
       pos_ += 4;
       // Enough for the tests: code points below U+0800 as UTF-8.
-      if (cp < 0x80) {
-        *out += static_cast<char>(cp);
-      } else if (cp < 0x800) {
-        *out += static_cast<char>(0xC0 | (cp >> 6));
-        *out += static_cast<char>(0x80 | (cp & 0x3F));
-      } else {
-        return false;
-      }
+      if (cp >= 0x800) return false;
+      if (cp >= 0x80) *out += static_cast<char>(0xC0 | (cp >> 6));
+      *out += static_cast<char>(cp < 0x80 ? cp : 0x80 | (cp & 0x3F));
     }
-    if (pos_ >= text_.size()) return false;
-    ++pos_;
-    return true;
+    return pos_++ < text_.size();
   }
   bool Parse(CJson* value) {
-    SkipSpace();
-    if (pos_ >= text_.size()) return false;
-    const char c = text_[pos_];
-    if (c == '{') {
+    if (Eat('{')) {
       value->kind = CJson::kObject;
-      ++pos_;
-      SkipSpace();
-      if (pos_ < text_.size() && text_[pos_] == '}') {
-        ++pos_;
-        return true;
-      }
-      for (;;) {
-        SkipSpace();
+      if (Eat('}')) return true;
+      do {
         std::string key;
-        if (pos_ >= text_.size() || !ParseString(&key)) return false;
-        SkipSpace();
-        if (pos_ >= text_.size() || text_[pos_++] != ':') return false;
-        if (!Parse(&value->members[key])) return false;
-        SkipSpace();
-        if (pos_ >= text_.size()) return false;
-        if (text_[pos_] == ',') {
-          ++pos_;
-          continue;
-        }
-        if (text_[pos_++] != '}') return false;
-        return true;
-      }
+        if (!ParseString(&key) || !Eat(':') || !Parse(&value->members[key])) return false;
+      } while (Eat(','));
+      return Eat('}');
     }
-    if (c == '[') {
+    if (Eat('[')) {
       value->kind = CJson::kArray;
-      ++pos_;
-      SkipSpace();
-      if (pos_ < text_.size() && text_[pos_] == ']') {
-        ++pos_;
-        return true;
-      }
-      for (;;) {
+      if (Eat(']')) return true;
+      do {
         value->items.emplace_back();
         if (!Parse(&value->items.back())) return false;
-        SkipSpace();
-        if (pos_ >= text_.size()) return false;
-        if (text_[pos_] == ',') {
-          ++pos_;
-          continue;
-        }
-        if (text_[pos_++] != ']') return false;
-        return true;
-      }
+      } while (Eat(','));
+      return Eat(']');
     }
-    if (c == '"') {
+    if (pos_ < text_.size() && text_[pos_] == '"') {
       value->kind = CJson::kString;
       return ParseString(&value->text);
     }
-    if (Literal("true")) {
+    if (Literal("true") || Literal("false")) {
       value->kind = CJson::kBool;
-      value->boolean = true;
-      return true;
-    }
-    if (Literal("false")) {
-      value->kind = CJson::kBool;
+      value->boolean = text_[pos_ - 1] == 'e' && text_[pos_ - 2] == 'u';
       return true;
     }
     if (Literal("null")) return true;
     const char* start = text_.c_str() + pos_;
     char* end = nullptr;
     value->number = std::strtod(start, &end);
-    if (end == start) return false;
     value->kind = CJson::kNumber;
     pos_ += static_cast<std::size_t>(end - start);
-    return true;
+    return end != start;
   }
 
   const std::string& text_;
@@ -181,7 +114,8 @@ CTempDir::CTempDir() {
 }
 
 CTempDir::~CTempDir() {
-  if (!path_.empty()) RemoveTree(path_);
+  std::error_code ignored;
+  if (!path_.empty()) std::filesystem::remove_all(path_, ignored);
 }
 
 VxLog& QuietLog() {
@@ -255,52 +189,11 @@ pid_t Spawn(const std::vector<std::string>& args, int outPipe[2], int errPipe[2]
 }  // namespace
 
 CRunResult RunNdmpc(const std::vector<std::string>& args, int timeoutSeconds) {
+  CBackgroundNdmpc run(args);
   CRunResult result;
-  int outPipe[2];
-  int errPipe[2];
-  if (::pipe(outPipe) != 0 || ::pipe(errPipe) != 0) return result;
-  pid_t pid = Spawn(args, outPipe, errPipe);
-  ::close(outPipe[1]);
-  ::close(errPipe[1]);
-  if (pid < 0) {
-    ::close(outPipe[0]);
-    ::close(errPipe[0]);
-    return result;
-  }
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeoutSeconds);
-  pollfd fds[2] = {{outPipe[0], POLLIN, 0}, {errPipe[0], POLLIN, 0}};
-  std::string* sinks[2] = {&result.out, &result.err};
-  int open = 2;
-  bool killed = false;
-  while (open > 0) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                          deadline - std::chrono::steady_clock::now())
-                          .count();
-    if (left <= 0) {
-      ::kill(pid, SIGKILL);
-      killed = true;
-      break;
-    }
-    if (::poll(fds, 2, static_cast<int>(left)) < 0) continue;
-    for (int i = 0; i < 2; ++i) {
-      if (fds[i].fd < 0 || fds[i].revents == 0) continue;
-      char buffer[4096];
-      ssize_t n = ::read(fds[i].fd, buffer, sizeof(buffer));
-      if (n > 0) {
-        sinks[i]->append(buffer, static_cast<std::size_t>(n));
-      } else {
-        ::close(fds[i].fd);
-        fds[i].fd = -1;
-        --open;
-      }
-    }
-  }
-  for (pollfd& p : fds) {
-    if (p.fd >= 0) ::close(p.fd);
-  }
-  int status = 0;
-  ::waitpid(pid, &status, 0);
-  result.status = !killed && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  result.status = run.Wait(timeoutSeconds);
+  result.out = run.Output();
+  result.err = run.Errors();
   return result;
 }
 
@@ -316,55 +209,59 @@ CBackgroundNdmpc::CBackgroundNdmpc(const std::vector<std::string>& args) {
   pid_ = Spawn(args, outPipe, errPipe);
   ::close(outPipe[1]);
   ::close(errPipe[1]);
-  ::close(errPipe[0]);  // the server's log is not looked at
-  outFd_ = outPipe[0];
+  fds_[0] = outPipe[0];
+  fds_[1] = errPipe[0];
 }
 
 CBackgroundNdmpc::~CBackgroundNdmpc() {
   if (pid_ > 0) Stop(SIGKILL, 10);
-  if (outFd_ >= 0) ::close(outFd_);
+  for (int fd : fds_) {
+    if (fd >= 0) ::close(fd);
+  }
 }
 
-bool CBackgroundNdmpc::WaitFor(const std::string& marker, int timeoutSeconds) {
+bool CBackgroundNdmpc::Pump(const std::function<bool()>& done, int timeoutSeconds) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeoutSeconds);
-  while (out_.find(marker) == std::string::npos) {
+  std::string* sinks[2] = {&out_, &err_};
+  while (!done()) {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
                           deadline - std::chrono::steady_clock::now())
                           .count();
-    if (left <= 0 || outFd_ < 0) return false;
-    pollfd p{outFd_, POLLIN, 0};
-    if (::poll(&p, 1, static_cast<int>(left)) <= 0) continue;
-    char buffer[1024];
-    ssize_t n = ::read(outFd_, buffer, sizeof(buffer));
-    if (n <= 0) return false;
-    out_.append(buffer, static_cast<std::size_t>(n));
+    if (left <= 0 || (fds_[0] < 0 && fds_[1] < 0)) return false;
+    pollfd polled[2] = {{fds_[0], POLLIN, 0}, {fds_[1], POLLIN, 0}};
+    if (::poll(polled, 2, static_cast<int>(left)) <= 0) continue;
+    for (int i = 0; i < 2; ++i) {
+      if (fds_[i] < 0 || polled[i].revents == 0) continue;
+      char buffer[4096];
+      const ssize_t n = ::read(fds_[i], buffer, sizeof(buffer));
+      if (n > 0) {
+        sinks[i]->append(buffer, static_cast<std::size_t>(n));
+      } else {
+        ::close(fds_[i]);
+        fds_[i] = -1;
+      }
+    }
   }
   return true;
 }
 
-int CBackgroundNdmpc::Stop(int signal, int timeoutSeconds) {
+bool CBackgroundNdmpc::WaitFor(const std::string& marker, int timeoutSeconds) {
+  return Pump([&] { return out_.find(marker) != std::string::npos; }, timeoutSeconds);
+}
+
+int CBackgroundNdmpc::Wait(int timeoutSeconds) {
   if (pid_ <= 0) return -1;
-  ::kill(pid_, signal);
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeoutSeconds);
+  const bool ended = Pump([this] { return fds_[0] < 0 && fds_[1] < 0; }, timeoutSeconds);
+  if (!ended) ::kill(pid_, SIGKILL);
   int status = 0;
-  for (;;) {
-    pid_t done = ::waitpid(pid_, &status, WNOHANG);
-    if (done == pid_) break;
-    if (std::chrono::steady_clock::now() > deadline) {
-      ::kill(pid_, SIGKILL);
-      ::waitpid(pid_, &status, 0);
-      pid_ = -1;
-      return -1;
-    }
-    ::usleep(20000);
-  }
+  ::waitpid(pid_, &status, 0);
   pid_ = -1;
-  char buffer[1024];
-  ssize_t n;
-  while (outFd_ >= 0 && (n = ::read(outFd_, buffer, sizeof(buffer))) > 0) {
-    out_.append(buffer, static_cast<std::size_t>(n));
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return ended && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+int CBackgroundNdmpc::Stop(int signal, int timeoutSeconds) {
+  if (pid_ > 0) ::kill(pid_, signal);
+  return Wait(timeoutSeconds);
 }
 
 std::string WriteRandomFile(const std::string& path, std::size_t size, unsigned int seed) {

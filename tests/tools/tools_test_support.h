@@ -3,6 +3,7 @@
 // a small JSON reader to check --json output.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -59,7 +60,7 @@ struct CRunResult {
 // environment, killing it after `timeoutSeconds`.
 CRunResult RunNdmpc(const std::vector<std::string>& args, int timeoutSeconds = 60);
 
-// ndmpc running in the background (for `serve`), its output read as it comes.
+// ndmpc running in the background, its output read as it comes.
 class CBackgroundNdmpc {
  public:
   explicit CBackgroundNdmpc(const std::vector<std::string>& args);
@@ -68,14 +69,21 @@ class CBackgroundNdmpc {
   CBackgroundNdmpc& operator=(const CBackgroundNdmpc&) = delete;
   // Reads standard output until it contains `marker`; false after `timeoutSeconds`.
   bool WaitFor(const std::string& marker, int timeoutSeconds);
-  // Sends `signal` and waits for the exit; the exit status, or -1.
+  // Reads until both outputs end and reaps the process, killing it after
+  // `timeoutSeconds`; the exit status, or -1.
+  int Wait(int timeoutSeconds);
+  // Sends `signal`, then as Wait.
   int Stop(int signal, int timeoutSeconds);
   const std::string& Output() const { return out_; }
+  const std::string& Errors() const { return err_; }
 
  private:
+  // Reads both outputs until `done` holds; false when they ended or time ran out first.
+  bool Pump(const std::function<bool()>& done, int timeoutSeconds);
+
   int pid_ = -1;
-  int outFd_ = -1;
-  std::string out_;
+  int fds_[2] = {-1, -1};  // standard output and error
+  std::string out_, err_;
 };
 
 // Writes `size` pseudo-random bytes to `path`; returns them.

@@ -10,6 +10,7 @@
 #include "ndmpc/ndmp/jobs/job.h"
 #include "tools/cli/client_session.h"
 #include "tools/cli/commands.h"
+#include "tools/cli/job_run.h"
 #include "tools/cli/json_writer.h"
 #include "tools/cli/progress.h"
 
@@ -23,6 +24,8 @@ class CJobView : public CINDMPJobObserver, public CINDMPFileHistorySink {
  public:
   CJobView(CCommandContext& context) : context_(context), progress_(context.err, 0) {}
   void SetJob(CNDMPJob* job) { job_ = job; }
+  // Hands every history entry on to `next` as well.
+  void Forward(CINDMPFileHistorySink* next) { next_ = next; }
   std::uint64_t Files() const { return files_.load(); }
 
   void OnProgress(const CNDMPJobProgress& p) override {
@@ -37,9 +40,14 @@ class CJobView : public CINDMPJobObserver, public CINDMPFileHistorySink {
   }
   void AddFile(const CNDMPHistoryFile& entry) override {
     if (entry.stat.fileType != enums::CNDMPEnumFileType::NDMP_FILE_DIR) ++files_;
+    if (next_ != nullptr) next_->AddFile(entry);
+  }
+  void AddDir(const CNDMPHistoryDir& entry) override {
+    if (next_ != nullptr) next_->AddDir(entry);
   }
   void AddNode(const CNDMPHistoryNode& entry) override {
     if (entry.stat.fileType != enums::CNDMPEnumFileType::NDMP_FILE_DIR) ++files_;
+    if (next_ != nullptr) next_->AddNode(entry);
   }
   void Finish() { progress_.Finish(); }
 
@@ -47,6 +55,7 @@ class CJobView : public CINDMPJobObserver, public CINDMPFileHistorySink {
   CCommandContext& context_;
   CProgress progress_;
   CNDMPJob* job_ = nullptr;
+  CINDMPFileHistorySink* next_ = nullptr;
   std::atomic<std::uint64_t> files_{0};
 };
 
@@ -66,7 +75,10 @@ std::string Advice(const CNDMPJobResult& r) {
   return "run again with -v to see the agents' log lines";
 }
 
-int RunJob(CCommandContext& context, bool backup, const std::vector<std::string>& paths) {
+}  // namespace
+
+int RunJob(CCommandContext& context, bool backup, const std::vector<std::string>& paths,
+           CJobIndexLink* index) {
   const COptions& o = context.options;
   if (o.tapeDevice.empty()) {
     return Complain(context, kExitUsage,
@@ -131,12 +143,17 @@ int RunJob(CCommandContext& context, bool backup, const std::vector<std::string>
     for (const std::string& path : paths) {
       std::string target = o.restoreTo;
       if (!target.empty() && target.back() == '/') target.pop_back();
-      items.push_back({path, target + (path[0] == '/' ? "" : "/") + path, ~std::uint64_t{0}});
+      items.push_back({path, target + (path[0] == '/' ? "" : "/") + path,
+                       index != nullptr ? index->FhInfo(path) : ~std::uint64_t{0}});
     }
     what = "restore of " + o.tapeDevice + " into " + o.restoreTo;
     job.reset(new CNDMPRestoreJob(settings, items));
   }
   view.SetJob(job.get());
+  if (index != nullptr) {
+    if (int status = index->Begin(settings)) return status;
+    view.Forward(index->History());
+  }
   InstallInterruptHandlers();
   const CNDMPJobResult r = job->Run();
   view.Finish();
@@ -163,6 +180,7 @@ int RunJob(CCommandContext& context, bool backup, const std::vector<std::string>
       json.EndArray();
     }
     if (!r.error.empty()) json.Key("error").String(r.error);
+    if (index != nullptr && backup) json.Key("index_backup").Number(index->BackupId());
     json.EndObject();
     std::fprintf(context.out, "%s\n", json.Text().c_str());
   } else if (r.outcome == CNDMPJobOutcome::kSucceeded) {
@@ -177,6 +195,9 @@ int RunJob(CCommandContext& context, bool backup, const std::vector<std::string>
       std::fprintf(context.out, "environment:%s\n", env.c_str());
     }
   }
+  if (index != nullptr) {
+    if (int status = index->Finish(r)) return status;
+  }
   if (r.outcome == CNDMPJobOutcome::kSucceeded) return kExitOk;
   if (r.outcome == CNDMPJobOutcome::kAborted) {
     return Complain(context, kExitFailure, what + " aborted; the tape was closed");
@@ -187,25 +208,25 @@ int RunJob(CCommandContext& context, bool backup, const std::vector<std::string>
   return r.refusal != 0 ? kExitNdmpError : kExitFailure;
 }
 
-}  // namespace
-
 int CommandBackup(CCommandContext& context) {
   const std::vector<std::string>& args = context.options.args;
   if (args.size() != 2) {
     return Complain(context, kExitUsage,
                     "backup takes one FILESYSTEM, e.g. ndmpc backup /vol0 --tape tape0");
   }
-  return RunJob(context, true, {args[1]});
+  if (!context.options.indexFile.empty()) return IndexedBackup(context);
+  return RunJob(context, true, {args[1]}, nullptr);
 }
 
 int CommandRestore(CCommandContext& context) {
   const std::vector<std::string>& args = context.options.args;
+  if (!context.options.indexFile.empty()) return IndexedRestore(context);
   if (context.options.restoreTo.empty()) {
     return Complain(context, kExitUsage,
                     "restore needs --to DIR, e.g. ndmpc restore --tape tape0 "
                     "--to /restored");
   }
-  return RunJob(context, false, std::vector<std::string>(args.begin() + 1, args.end()));
+  return RunJob(context, false, std::vector<std::string>(args.begin() + 1, args.end()), nullptr);
 }
 
 }  // namespace com::vx::korvane::ndmpc::tools

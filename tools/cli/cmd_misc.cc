@@ -407,6 +407,7 @@ int RunCommand(CCommandContext& context) {
       {"mover", &CommandAgentState},  {"data", &CommandAgentState}, {"send", &CommandSend},
       {"messages", &CommandMessages}, {"watch", &CommandWatch},     {"serve", &CommandServe},
       {"demo", &CommandDemo},         {"backup", &CommandBackup},   {"restore", &CommandRestore},
+      {"index", &CommandIndex},
   };
   for (const CCommandRow& row : kCommands) {
     if (command == row.name) return row.run(context);

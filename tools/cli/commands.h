@@ -34,6 +34,7 @@ int CommandServe(CCommandContext& context);
 int CommandDemo(CCommandContext& context);
 int CommandBackup(CCommandContext& context);
 int CommandRestore(CCommandContext& context);
+int CommandIndex(CCommandContext& context);
 
 // Prints "ndmpc: <text>" on the error stream; returns `status`.
 int Complain(CCommandContext& context, int status, const std::string& text);

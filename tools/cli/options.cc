@@ -205,6 +205,16 @@ const std::vector<COptionDef>& Definitions() {
          o.dataRoot = v;
          return true;
        }},
+      {"index", 0, true,
+       [](COptions& o, const std::string& v, std::string* e) {
+         if (v.empty()) *e = "--index needs the file of a backup index";
+         o.indexFile = v;
+         return !v.empty();
+       }},
+      {"backup", 0, true,
+       [](COptions& o, const std::string& v, std::string* e) {
+         return SetUnsigned("backup", v, 1, 0xFFFFFFFFu, &o.backupId, e);
+       }},
   };
   return definitions;
 }
@@ -338,6 +348,7 @@ Commands:
   watch [SECONDS]               print notifications and log posts as they arrive
   backup FILESYSTEM --tape DEV  back FILESYSTEM up to a tape (two- or three-way)
   restore --tape DEV --to DIR [PATH...]  restore an image, or some paths of it
+  index FILE list|ls|find       browse and search the backups of an index
   serve                         run the simulated NDMP server
   demo                          start a simulated server and try ndmpc against it
 
@@ -511,12 +522,16 @@ holds FILESYSTEM and HIST=y (file history is counted as files) unless --env
 sets them. On a terminal a progress bar shows bytes, rate and files; then one
 summary line, or with --json the outcome, bytes, files, duration, halt
 reasons and the data agent's environment (keep it for the restore).
+With --index FILE the backup and its file history are recorded in the index
+FILE (created when missing; see ndmpc index --help), for browsing and for
+restoring single files from it.
 The tape is rewound first unless --no-rewind; --file N writes after N
 filemarks. Ctrl-C aborts the job (both agents are aborted, the tape is closed).
 
 Examples:
   ndmpc -H filer1 -u ndmp backup /vol0 --tape nrst0a
   ndmpc -H filer1 -u ndmp backup /vol0 --tape nrst0a --tape-host tapesrv --type dump
+  ndmpc -H filer1 -u ndmp backup /vol0 --tape nrst0a --index backups.db
 )";
   }
   if (command == "restore") {
@@ -533,6 +548,43 @@ the image after N filemarks. The tape agent is chosen as for backup.
 Examples:
   ndmpc -H filer1 -u ndmp restore --tape nrst0a --to /restored
   ndmpc -H filer1 -u ndmp restore --tape nrst0a --to /restored /alice/a.txt /bob
+  ndmpc -H filer1 -u ndmp restore --index backups.db --backup 3 /alice/a.txt (see index --help)
+)";
+  }
+  if (command == "index") {
+    return R"(Usage: ndmpc index FILE list
+       ndmpc index FILE ls BACKUP [PATH]
+       ndmpc index FILE find PATTERN
+       ndmpc [OPTIONS] backup FILESYSTEM --tape DEVICE --index FILE ...
+       ndmpc [OPTIONS] restore --index FILE --backup ID PATH... [--to DIR] [--tape DEVICE]
+
+A backup index is an SQLite file that `ndmpc backup --index FILE` fills: one
+record per backup (start time, server, file system, type, environment, tape
+and position, outcome, bytes, files) and every entry of its file history
+(path, type, size, mode, owner, modification time, position in the image).
+A backup is "incomplete" until it ends; one whose ndmpc was killed stays so.
+
+list          the backups, oldest first
+ls            the entries of directory PATH (default /) of backup BACKUP, or
+              the entry of file PATH, as `ls -l` shows them (times in UTC)
+find          the entries of every backup that match the glob PATTERN: the
+              name when PATTERN has no '/' ('*.odt'), else the whole path
+              ('/home/*/report.odt')
+
+restore --index restores the files and directories PATH of backup ID, each
+read directly at its position in the image: tape, backup type, tape file and
+environment come from the index (--tape and --env override them). They are
+restored to where they were (the backup's FILESYSTEM), or under --to DIR.
+Only a backup that succeeded can be restored from.
+
+All take --json. A missing or damaged index, an unknown backup or path end
+with exit status 1 and nothing restored.
+
+Examples:
+  ndmpc -H filer1 -u ndmp backup /home --tape nrst0a --index backups.db
+  ndmpc index backups.db find 'report*.odt'
+  ndmpc index backups.db ls 3 /ann
+  ndmpc -H filer1 -u ndmp restore --index backups.db --backup 3 /ann/report.odt --to /tmp/r
 )";
   }
   if (command == "serve") {

@@ -55,6 +55,9 @@ struct COptions {
   std::string tapePassword;
   bool tapeCredentialsGiven = false;
   std::string restoreTo;
+  // backup index.
+  std::string indexFile;
+  unsigned int backupId = 0;  // 0: not given
   // serve.
   std::string listen = "127.0.0.1";
   std::string tapeDir;

@@ -56,11 +56,16 @@ unsigned int CNDMPConnection::PAGInitializeConnection(VxTcpSocket* socket) {
   unsigned char answer[kHandshakeSize] = {0};
   if (socket_->waitForInput(kAnswerWaitMs) == 0 &&
       socket_->read(answer, kHandshakeSize, &moved) == 0 && moved == kHandshakeSize) {
+    // The whole announced body is read and dropped, through the buffer,
+    // so that the login answer and the records after it start in place.
     unsigned int length = (static_cast<unsigned int>(answer[6]) << 8) | answer[7];
-    if (length > kAnswerBodyLimit) length = kAnswerBodyLimit;
     unsigned char body[kAnswerBodyLimit];
-    if (length != 0 && socket_->waitForInput(kAnswerWaitMs) == 0) {
-      socket_->read(body, length, &moved);
+    while (length != 0 && socket_->waitForInput(kAnswerWaitMs) == 0) {
+      moved = 0;
+      unsigned int status =
+          socket_->read(body, length < kAnswerBodyLimit ? length : kAnswerBodyLimit, &moved);
+      length -= moved;
+      if (status != 0 || moved == 0) break;
     }
   }
   socket_->setReadTimeout(0);
@@ -68,7 +73,9 @@ unsigned int CNDMPConnection::PAGInitializeConnection(VxTcpSocket* socket) {
 }
 
 CXDREnumBase<CNDMPError> CNDMPConnection::PAGConnect() {
-  if (connected_.load()) Disconnect();
+  Disconnect();
+  // Sends of other threads wait until the handshake is done.
+  VxGuard sending(sendMutex_);
   if (PAGInitializeConnection(nullptr) != 0) {
     log_.error("[0x%08X] Failed to establish connection", Handle());
     return CNDMPError::NDMP_CONNECT_ERR;

@@ -55,9 +55,17 @@ CNDMPCallbackRegistrationTable& CNDMPCallbackRegistrationTable::operator=(
 }
 
 CNDMPCallbackRegistrationTable::~CNDMPCallbackRegistrationTable() {
-  VxGuard lock(*this);
-  for (CNDMPCallbackRegistration* r : registrations_) delete r;
-  registrations_.clear();
+  alive_->store(false);
+  bool insideDispatch;
+  {
+    VxGuard lock(*this);
+    for (CNDMPCallbackRegistration* r : registrations_) delete r;
+    registrations_.clear();
+    insideDispatch = dispatching_ == std::this_thread::get_id();
+  }
+  // Destroyed by one of its own handlers: DispatchPacket returns without
+  // releasing the lock it holds, so release it here.
+  if (insideDispatch) unlock();
 }
 
 CNDMPCallbackRegistration* CNDMPCallbackRegistrationTable::Add(
@@ -101,7 +109,10 @@ bool CNDMPCallbackRegistrationTable::UnregisterCallback(CNDMPCallbackRegistratio
 }
 
 int CNDMPCallbackRegistrationTable::DispatchPacket(CNDMPMessagePacket& packet) {
-  VxGuard lock(*this);
+  const std::shared_ptr<std::atomic<bool>> alive = alive_;
+  lock();
+  const std::thread::id outer = dispatching_;
+  dispatching_ = std::this_thread::get_id();
   const CNDMPHeader& header = packet.GetHeader();
   // The count is read again at every step: a handler may register or
   // unregister on this table while it runs.
@@ -112,7 +123,10 @@ int CNDMPCallbackRegistrationTable::DispatchPacket(CNDMPMessagePacket& packet) {
     if (r->checkCode_ && r->code_ != header.MessageCode) continue;
     // Every matching registration gets the packet; results are ignored on purpose.
     r->handler_->HandleMessagePacket(packet);
+    if (!alive->load()) return 0;  // the handler destroyed the table
   }
+  dispatching_ = outer;
+  unlock();
   return 0;
 }
 

@@ -17,6 +17,9 @@
 // callback that needs it later copies it.
 #pragma once
 
+#include <atomic>
+#include <memory>
+#include <thread>
 #include <vector>
 
 #include "ndmpc/foundation/vx_log.h"
@@ -84,7 +87,7 @@ class CNDMPCallbackRegistrationTable : public VxThreadMutex {
   // A copy holds copies of the registrations (same handlers and filters).
   CNDMPCallbackRegistrationTable(const CNDMPCallbackRegistrationTable& other);
   CNDMPCallbackRegistrationTable& operator=(const CNDMPCallbackRegistrationTable& other);
-  ~CNDMPCallbackRegistrationTable() override;
+  ~CNDMPCallbackRegistrationTable() override NDMPC_NO_THREAD_SAFETY_ANALYSIS;
 
   // Each returns the new registration, the key for UnregisterCallback; the
   // table owns it. The handler is not owned and must outlive the registration.
@@ -102,12 +105,20 @@ class CNDMPCallbackRegistrationTable : public VxThreadMutex {
   // destroys it.
   bool UnregisterCallback(CNDMPCallbackRegistration* registration);
   // Offers the packet to every matching registration in order. Always 0.
-  int DispatchPacket(CNDMPMessagePacket& packet);
+  // A handler may destroy the table (its connection): the dispatch then
+  // ends at once without touching the table again.
+  int DispatchPacket(CNDMPMessagePacket& packet) NDMPC_NO_THREAD_SAFETY_ANALYSIS;
 
  private:
+  friend class CNDMPMessageDispatchThread;
   CNDMPCallbackRegistration* Add(CNDMPCallbackRegistration* registration);
+  // False once the table is destroyed; a dispatch thread keeps a copy so
+  // that it never offers a packet to a table that is gone.
+  std::shared_ptr<const std::atomic<bool>> Alive() const { return alive_; }
 
   std::vector<CNDMPCallbackRegistration*> registrations_;  // guarded by *this
+  std::shared_ptr<std::atomic<bool>> alive_ = std::make_shared<std::atomic<bool>>(true);
+  std::thread::id dispatching_;  // the thread inside DispatchPacket; guarded by *this
 };
 
 // Lets a thread wait for one packet: the dispatch (or the connection's reply

@@ -1,6 +1,8 @@
 #include "ndmpc/ndmp/connection/connection.h"
 
+#include <algorithm>
 #include <ctime>
+#include <memory>
 
 #include "ndmpc/ndmp/messages/connect_config_messages.h"
 
@@ -14,6 +16,34 @@ namespace {
 
 // Requests of the connection's own exchanges wait up to six minutes.
 constexpr unsigned int kSetupTimeout = 360;
+// How long stopping waits for a thread before it shuts the socket down, and
+// then how much longer for a callback still running.
+constexpr unsigned int kStopWaitMs = 250;
+constexpr unsigned int kCallbackGraceMs = 1500;
+
+// Holds copies of the serving side's first packets, at most `limit`.
+class CEarlyCollector : public CINDMPCallback {
+ public:
+  CEarlyCollector(CNDMPMessagePacketQueue& queue, VxLog& log, std::size_t limit)
+      : queue_(queue), log_(log), limit_(limit) {}
+  unsigned int HandleMessagePacket(CNDMPMessagePacket& packet) override {
+    if (queue_.GetFilledSize() < limit_) {
+      return static_cast<unsigned int>(queue_.PutMessagePacket(*new CNDMPMessagePacket(packet)));
+    }
+    if (!warned_) {
+      warned_ = true;
+      log_.warning("Serving side: more than %d packets before StartServerMode; later ones dropped",
+                   static_cast<int>(limit_));
+    }
+    return 0;
+  }
+
+ private:
+  CNDMPMessagePacketQueue& queue_;
+  VxLog& log_;
+  const std::size_t limit_;
+  bool warned_ = false;  // only touched on the dispatch thread
+};
 
 std::mutex& ProtectorMutex() {
   static std::mutex mutex;
@@ -25,7 +55,38 @@ CNDMPCredentialProtector& DefaultProtector() {
   return protector;
 }
 
+// Registers a connection's log handler once for the connection's life:
+// unregistering would need the table's lock, which a running callback holds.
+void RegisterOnce(CNDMPCallbackRegistrationTable& table, CNDMPLogCallbackHandler& handler,
+                  CNDMPCallbackRegistration*& registration, void* connection) {
+  if (registration != nullptr) return;
+  handler.SetHandle(connection);
+  registration = table.RegisterCallback(&handler);
+}
+
 }  // namespace
+
+struct CNDMPConnection::CSession {
+  explicit CSession(std::unique_ptr<VxTcpSocket> s) : socket(std::move(s)) {}
+  bool Running() const {
+    return (receiveThread && receiveThread->isRunning()) ||
+           (dispatchThread && dispatchThread->isRunning());
+  }
+  // Waits for both threads, except the calling one, which cannot.
+  void WaitForThreads() {
+    for (VxThread* t : {static_cast<VxThread*>(receiveThread.get()),
+                        static_cast<VxThread*>(dispatchThread.get())}) {
+      if (t != nullptr && !t->isCurrentThread()) t->waitUntilStopped(VX_INFINITE);
+    }
+  }
+
+  // Destroyed in reverse order: the threads before what they use.
+  std::unique_ptr<VxTcpSocket> socket;
+  std::unique_ptr<CXDRStream> stream;
+  CNDMPMessagePacketQueue queue;
+  std::unique_ptr<CNDMPMessageReceiveThread> receiveThread;
+  std::unique_ptr<CNDMPMessageDispatchThread> dispatchThread;
+};
 
 CNDMPConnection::CNDMPConnection(const char* hostName, const char* ipAddress, VxLog& log,
                                  unsigned int port)
@@ -42,7 +103,7 @@ CNDMPConnection::CNDMPConnection(VxTcpSocket& socket, VxLog& log) : logHandler_(
   // The threads start here, but the application calls StartServerMode only
   // afterwards: packets of that gap are held and handed over then, so that a
   // client's first request is never lost.
-  earlyCollector_ = new CNDMPMessagePacketCollector(earlyQueue_);
+  earlyCollector_ = new CEarlyCollector(earlyQueue_, log_, kEarlyPacketLimit);
   earlyRegistration_ = CNDMPCallbackRegistrationTable::RegisterCallback(earlyCollector_);
   InitializeConnection(owned);  // the result is ignored on the serving side
 }
@@ -69,6 +130,13 @@ CNDMPConnection::CNDMPConnection(const CNDMPConnection& other)
 
 CNDMPConnection::~CNDMPConnection() {
   Disconnect();
+  // Callbacks still running dispatch through this object's table.
+  std::vector<std::shared_ptr<CSession>> retired;
+  {
+    std::lock_guard<std::mutex> lock(retiredMutex_);
+    retired.swap(retired_);
+  }
+  for (const std::shared_ptr<CSession>& session : retired) session->WaitForThreads();
   ReleaseEarlyCollector(false);
   if (serverRegistration_ != nullptr) {
     UnregisterCallback(serverRegistration_);
@@ -79,32 +147,47 @@ CNDMPConnection::~CNDMPConnection() {
 }
 
 unsigned int CNDMPConnection::OpenSocket(VxTcpSocket* socket) {
-  if (socket != nullptr) {
-    delete socket_;
-    socket_ = socket;
+  const bool accepted = socket != nullptr;
+  auto session = std::make_shared<CSession>(
+      std::unique_ptr<VxTcpSocket>(accepted ? socket : new VxTcpSocket(1)));
+  {
+    VxGuard sending(sendMutex_);
+    VxGuard lock(writeMutex_);
+    socket_ = session->socket.get();
+    session_ = session;
+  }
+  if (accepted) {
     hostName_ = ipAddress_ = socket->getRemoteAddress().toIPAddress();
     return 0;
   }
-  delete socket_;
-  socket_ = new VxTcpSocket(1);
   log_.debug("CNDMPConnection using Hostname=%s, IPAddress=%s, PortNumber=%d", hostName_.c_str(),
              ipAddress_.c_str(), static_cast<int>(port_));
+  // A socket that could not connect stays (as getSocket) until Disconnect:
+  // that is how a caller tells an unreachable server from a refusal.
   if (socket_->connect(VxSocketAddress(hostName_, port_, 1)) == 0) return 0;
   if (socket_->connect(VxSocketAddress(ipAddress_, port_, 1)) == 0) return 0;
   return CNDMPError::NDMP_CONNECT_ERR;
 }
 
 void CNDMPConnection::StartThreads() {
-  stream_ = new CXDRStream(*socket_, log_);
-  receiveThread_ = new CNDMPMessageReceiveThread(*stream_, receivedQueue_, log_, this);
+  std::shared_ptr<CSession> session = session_;
+  {
+    VxGuard sending(sendMutex_);
+    VxGuard lock(writeMutex_);
+    session->stream = std::make_unique<CXDRStream>(*session->socket, log_);
+    stream_ = session->stream.get();
+  }
+  session->receiveThread =
+      std::make_unique<CNDMPMessageReceiveThread>(*session->stream, session->queue, log_, this);
   CXDREnumBase<CNDMPProtocolVersion> version = GetProtocolVersion();
-  receiveThread_->SetProtocolVersion(version);
-  receiveThread_->SetReplyRouter(this);
-  receiveThread_->start();
-  dispatchThread_ = new CNDMPMessageDispatchThread(receivedQueue_, *this, log_);
-  dispatchThread_->start();
-  logHandler_.SetHandle(this);
-  logRegistration_ = CNDMPCallbackRegistrationTable::RegisterCallback(&logHandler_);
+  session->receiveThread->SetProtocolVersion(version);
+  session->receiveThread->SetReplyRouter(this);
+  session->dispatchThread =
+      std::make_unique<CNDMPMessageDispatchThread>(session->queue, *this, log_);
+  RegisterOnce(*this, logHandler_, logRegistration_, this);
+  // Each thread holds the session while it runs (see StopSession).
+  session->receiveThread->start(session);
+  session->dispatchThread->start(session);
 }
 
 unsigned int CNDMPConnection::InitializeConnection(VxTcpSocket* socket) {
@@ -131,22 +214,29 @@ CXDREnumBase<CNDMPError> CNDMPConnection::SetupProtocolVersion(
 
 CXDREnumBase<CNDMPError> CNDMPConnection::ConnectWith(
     const std::vector<CNDMPProtocolVersion::enum_value>& offers) {
-  if (connected_.load()) Disconnect();
-  if (InitializeConnection(nullptr) != 0) {
-    log_.error("[0x%08X] Failed to establish connection", Handle());
-    return CNDMPError::NDMP_CONNECT_ERR;
-  }
-  for (CNDMPProtocolVersion::enum_value offer : offers) {
-    CXDREnumBase<CNDMPProtocolVersion> version(offer);
-    // A server that accepts this offer may post messages right behind its
-    // reply, in the offered version; the receive thread reads them before
-    // the reply has reached this thread, so it decodes so from the offer on.
-    receiveThread_->SetProtocolVersion(version);
-    if (SetupProtocolVersion(version) == CNDMPError::NDMP_NO_ERR) {
-      version_ = version.getInt32();
-      connected_ = true;
-      authenticated_ = false;
-      return CNDMPError::NDMP_NO_ERR;
+  Disconnect();
+  // The table's lock is never taken under the send lock: a callback (which
+  // runs under the table's lock) may send or disconnect.
+  RegisterOnce(*this, logHandler_, logRegistration_, this);
+  {
+    // Sends of other threads wait until the connection is up or has failed.
+    VxGuard sending(sendMutex_);
+    if (InitializeConnection(nullptr) != 0) {
+      log_.error("[0x%08X] Failed to establish connection", Handle());
+      return CNDMPError::NDMP_CONNECT_ERR;
+    }
+    for (CNDMPProtocolVersion::enum_value offer : offers) {
+      CXDREnumBase<CNDMPProtocolVersion> version(offer);
+      // A server that accepts this offer may post messages right behind its
+      // reply, in the offered version; the receive thread reads them before
+      // the reply has reached this thread, so it decodes so from the offer on.
+      session_->receiveThread->SetProtocolVersion(version);
+      if (SetupProtocolVersion(version) == CNDMPError::NDMP_NO_ERR) {
+        version_ = version.getInt32();
+        connected_ = true;
+        authenticated_ = false;
+        return CNDMPError::NDMP_NO_ERR;
+      }
     }
   }
   Disconnect();
@@ -164,55 +254,68 @@ CXDREnumBase<CNDMPError> CNDMPConnection::Connect(
 }
 
 CXDREnumBase<CNDMPError> CNDMPConnection::Disconnect() {
-  if (receiveThread_ != nullptr) {
-    receiveThread_->stop(false);
-    // The reader is most likely polling for input: end that poll now.
-    if (socket_ != nullptr) socket_->interruptWait();
-    if (!receiveThread_->waitUntilStopped(250) && socket_ != nullptr) {
-      // A peer that stalls inside a record keeps the reader blocked: shut the
-      // connection down so that stopping never depends on the peer.
-      socket_->close();
-    }
-    delete receiveThread_;  // waits for the thread to end
-    receiveThread_ = nullptr;
-  }
-  if (dispatchThread_ != nullptr) {
-    dispatchThread_->stop(false);
-    receivedQueue_.Wake();
-    if (!dispatchThread_->waitUntilStopped(250) && socket_ != nullptr) {
-      // A callback is still waiting for a reply: ending the connection ends that wait.
-      socket_->close();
-    }
-    delete dispatchThread_;
-    dispatchThread_ = nullptr;
-    // Wake() left the queue's event set. Taking from the (drained) queue
-    // resets it, so that the next connection's dispatch thread waits for
-    // packets instead of spinning until the first one comes.
-    CNDMPMessagePacket* left = nullptr;
-    while (receivedQueue_.GetNextPacket(left)) delete left;
-  }
-  if (logRegistration_ != nullptr) {
-    CNDMPCallbackRegistrationTable::UnregisterCallback(logRegistration_);
-    logRegistration_ = nullptr;
-  }
-  // A request of another thread may still be waiting for its reply: closing
-  // the socket ends that wait within a second, and the send mutex keeps the
-  // stream and the socket alive until it has.
-  if (socket_ != nullptr) socket_->close();
-  {
-    VxGuard sending(sendMutex_);
-    VxGuard lock(writeMutex_);
-    delete stream_;
-    stream_ = nullptr;
-    delete socket_;
-    socket_ = nullptr;
-  }
+  StopSession();
   connected_ = false;
   authenticated_ = false;
   // A login that was not sent before the disconnect must not be sent on the
   // next, ordinary connection.
   alternateMode_ = false;
   return CNDMPError::NDMP_NO_ERR;
+}
+
+void CNDMPConnection::StopSession() {
+  std::shared_ptr<CSession> session = session_;
+  if (session) {
+    VxTcpSocket& socket = *session->socket;
+    if (CNDMPMessageReceiveThread* reader = session->receiveThread.get()) {
+      reader->stop(false);
+      // The reader is most likely polling for input: end that poll now.
+      socket.interruptWait();
+      // A peer that stalls inside a record keeps the reader blocked: shut the
+      // connection down so that stopping never depends on the peer.
+      if (!reader->waitUntilStopped(kStopWaitMs)) {
+        socket.close();
+        reader->waitUntilStopped(kCallbackGraceMs);
+      }
+    }
+    if (CNDMPMessageDispatchThread* dispatcher = session->dispatchThread.get()) {
+      dispatcher->stop(false);
+      session->queue.Wake();
+      // On the dispatch thread (a callback stopping its own connection)
+      // there is nothing to wait for: the thread ends after the callback.
+      if (!dispatcher->isCurrentThread() && !dispatcher->waitUntilStopped(kStopWaitMs)) {
+        // A callback is still waiting for a reply: ending the connection
+        // ends that wait.
+        socket.close();
+        dispatcher->waitUntilStopped(kCallbackGraceMs);
+      }
+    }
+    // A request of another thread may still be waiting for its reply: the
+    // closed socket ends that wait within a second, and the send mutex
+    // taken below waits for it.
+    socket.close();
+  }
+  {
+    VxGuard sending(sendMutex_);
+    VxGuard lock(writeMutex_);
+    stream_ = nullptr;
+    socket_ = nullptr;
+    session_.reset();
+  }
+  std::lock_guard<std::mutex> lock(retiredMutex_);
+  retired_.erase(std::remove_if(retired_.begin(), retired_.end(),
+                                [](const std::shared_ptr<CSession>& s) { return !s->Running(); }),
+                 retired_.end());
+  // Threads still running hold the session themselves; it is kept here
+  // only so that the destructor can wait for them.
+  if (session && session->Running()) retired_.push_back(std::move(session));
+}
+
+void CNDMPConnection::EndEarlyHolding() {
+  VxGuard lock(*this);
+  if (earlyRegistration_ == nullptr) return;
+  CNDMPCallbackRegistrationTable::UnregisterCallback(earlyRegistration_);
+  earlyRegistration_ = nullptr;
 }
 
 unsigned int CNDMPConnection::StartServerMode() {
@@ -274,9 +377,14 @@ CXDREnumBase<CNDMPProtocolVersion> CNDMPConnection::GetProtocolVersion() const {
 
 void CNDMPConnection::SetProtocolVersion(const CXDREnumBase<CNDMPProtocolVersion>& version) {
   version_ = version.getInt32();
-  if (receiveThread_ != nullptr) {
+  std::shared_ptr<CSession> session;
+  {
+    VxGuard lock(writeMutex_);
+    session = session_;
+  }
+  if (session && session->receiveThread) {
     CXDREnumBase<CNDMPProtocolVersion> copy(version);
-    receiveThread_->SetProtocolVersion(copy);
+    session->receiveThread->SetProtocolVersion(copy);
   }
 }
 
@@ -285,16 +393,19 @@ unsigned int CNDMPConnection::GetNextSequence() { return ++sequence_; }
 void CNDMPConnection::FreeMessage(CNDMPMessage* message) { delete message; }
 
 CNDMPCallbackRegistration* CNDMPConnection::RegisterCallback(CINDMPCallback* handler) {
+  EndEarlyHolding();
   return CNDMPCallbackRegistrationTable::RegisterCallback(handler);
 }
 
 CNDMPCallbackRegistration* CNDMPConnection::RegisterCallback(
     CINDMPCallback* handler, CXDREnumBase<enums::CNDMPMessageCode> code) {
+  EndEarlyHolding();
   return CNDMPCallbackRegistrationTable::RegisterCallback(handler, code);
 }
 
 CNDMPCallbackRegistration* CNDMPConnection::RegisterCallback(
     CINDMPCallback* handler, CXDREnumBase<enums::CNDMPMessageCode> code, unsigned int sequence) {
+  EndEarlyHolding();
   return CNDMPCallbackRegistrationTable::RegisterCallback(handler, code, CXDRULong(sequence));
 }
 
@@ -346,22 +457,28 @@ CXDREnumBase<CNDMPError> CNDMPConnection::SendMessage(CNDMPMessage& message, CND
   header.TimeStamp = static_cast<unsigned int>(std::time(nullptr));
 
   // Registered before anything is written, so that a reply arriving at once
-  // cannot be missed.
+  // cannot be missed; removed when this call ends, however it ends (a log
+  // or an encoder may throw), so that no reply reaches a dead handler.
   CNDMPBlockingCallbackHandler handler;
-  {
-    std::lock_guard<std::mutex> waitersLock(waitersMutex_);
-    waiters_.push_back(
-        CWaiter{header.MessageCode.getInt32(), header.Sequence.getInt32(), &handler});
-  }
-  auto unregister = [&] {
-    std::lock_guard<std::mutex> waitersLock(waitersMutex_);
-    for (auto it = waiters_.begin(); it != waiters_.end(); ++it) {
-      if (it->handler == &handler) {
-        waiters_.erase(it);
-        break;
-      }
+  struct CWaiterEntry {
+    CNDMPConnection& connection;
+    CNDMPBlockingCallbackHandler& handler;
+    CWaiterEntry(CNDMPConnection& c, CNDMPBlockingCallbackHandler& h, CWaiter waiter)
+        : connection(c), handler(h) {
+      std::lock_guard<std::mutex> lock(connection.waitersMutex_);
+      connection.waiters_.push_back(waiter);
     }
-  };
+    ~CWaiterEntry() {
+      std::lock_guard<std::mutex> lock(connection.waitersMutex_);
+      auto& waiters = connection.waiters_;
+      waiters.erase(std::remove_if(waiters.begin(), waiters.end(),
+                                   [this](const CWaiter& w) { return w.handler == &handler; }),
+                    waiters.end());
+    }
+    CWaiterEntry(const CWaiterEntry&) = delete;
+    CWaiterEntry& operator=(const CWaiterEntry&) = delete;
+  } entry(*this, handler,
+          CWaiter{header.MessageCode.getInt32(), header.Sequence.getInt32(), &handler});
 
   message.SetProtocolVersion(version);
   packet.AttachMessage(message);
@@ -371,7 +488,6 @@ CXDREnumBase<CNDMPError> CNDMPConnection::SendMessage(CNDMPMessage& message, CND
   int serialized = 0;
   bool written = WritePacket(packet, &serialized);
   if (static_cast<unsigned int>(serialized) == 0xFFFFFFFFu) {
-    unregister();
     log_.error("[0x%08X] Failed to send message. Serial Size = %d", Handle(), serialized);
     return CNDMPError::NDMP_XDR_ENCODE_ERR;
   }
@@ -388,7 +504,6 @@ CXDREnumBase<CNDMPError> CNDMPConnection::SendMessage(CNDMPMessage& message, CND
       if (stream == nullptr || !stream->IsConnected()) break;
     }
   }
-  unregister();
   log_.flush();
   if (status != 0) return CNDMPError::NDMP_TIMEOUT_ERR;
 
@@ -429,8 +544,10 @@ CXDREnumBase<CNDMPError> CNDMPConnection::SendMessage(CNDMPMessage& message,
     log_.error("[0x%08X] Failed to send message. Serial Size = %d", Handle(), serialized);
     return CNDMPError::NDMP_XDR_ENCODE_ERR;
   }
-  if (written && isReply) {
-    // How the serving side becomes connected and authenticated.
+  LogFailedWrite(header.MessageCode.ToString().c_str(), written);
+  if (isReply) {
+    // How the serving side becomes connected and authenticated (also when
+    // the write failed: the reply was made, and the next read shows the end).
     auto* generic = dynamic_cast<CNDMPGenericReply*>(&message);
     const bool ok = generic != nullptr && generic->NDMP_Error == CNDMPError::NDMP_NO_ERR;
     const unsigned int code = header.MessageCode.getInt32();
@@ -438,8 +555,11 @@ CXDREnumBase<CNDMPError> CNDMPConnection::SendMessage(CNDMPMessage& message,
     if (ok && code == enums::CNDMPMessageCode::NDMP_CONNECT_CLIENT_AUTH) authenticated_ = true;
   }
   log_.flush();
-  return written ? CXDREnumBase<CNDMPError>(CNDMPError::NDMP_NO_ERR)
-                 : CXDREnumBase<CNDMPError>(CNDMPError::NDMP_CONNECT_ERR);
+  return CNDMPError::NDMP_NO_ERR;
+}
+
+void CNDMPConnection::LogFailedWrite(const char* what, bool written) {
+  if (!written) log_.error("[0x%08X] Failed to write %s", Handle(), what);
 }
 
 CXDREnumBase<CNDMPError> CNDMPConnection::SendNDMPError(
@@ -456,8 +576,8 @@ CXDREnumBase<CNDMPError> CNDMPConnection::SendNDMPError(
   if (static_cast<unsigned int>(header.Serialize(*stream_)) == 0xFFFFFFFFu) {
     return CNDMPError::NDMP_XDR_ENCODE_ERR;
   }
-  return stream_->flushRecord() == 0 ? CXDREnumBase<CNDMPError>(CNDMPError::NDMP_NO_ERR)
-                                     : CXDREnumBase<CNDMPError>(CNDMPError::NDMP_CONNECT_ERR);
+  LogFailedWrite(header.MessageCode.ToString().c_str(), stream_->flushRecord() == 0);
+  return CNDMPError::NDMP_NO_ERR;
 }
 
 void CNDMPConnection::SetCredentialProtector(CNDMPCredentialProtector protector) {

@@ -18,13 +18,17 @@
 //
 // Each connection runs a receive thread and a dispatch thread; callbacks run
 // on the dispatch thread. One thread owns the lifecycle (Connect, Disconnect,
-// destruction); sends may come from any thread, at most one request waiting
-// for its reply at a time.
+// destruction), which a callback may also drive (see Disconnect); sends may
+// come from any thread, at most one request waiting for its reply at a time.
+// A send from another thread during Connect or PAGConnect waits until the
+// new connection is up (or has failed).
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <vector>
 
@@ -63,11 +67,32 @@ class CNDMPConnection : public CNDMPCallbackRegistrationTable, private CINDMPRep
   CXDREnumBase<enums::CNDMPError> Connect();
   // Connects and offers exactly `version`.
   CXDREnumBase<enums::CNDMPError> Connect(const CXDREnumBase<enums::CNDMPProtocolVersion>& version);
-  // Stops both threads, drops stream and socket. Always NDMP_NO_ERR. Must
-  // not be called from a callback.
+  // Stops both threads, drops stream and socket. Always NDMP_NO_ERR.
+  //
+  // Lifecycle rule: Disconnect never waits without limit.
+  // - Called from a callback (on the dispatch thread), it stops the
+  //   connection and returns at once; the dispatch thread ends once the
+  //   callback has returned. Connect and PAGConnect, which disconnect first,
+  //   may so be called from a callback too.
+  // - Called from another thread, it waits a bounded time (a few seconds
+  //   at most) for the threads and a running callback; the connection is
+  //   shut down meanwhile, which ends a callback's wait for a reply. A
+  //   callback that still does not return is left running: its thread keeps
+  //   the stream, socket and queue it uses alive and releases them when it
+  //   ends.
+  // The destructor disconnects the same way. Called from one of the
+  // connection's own callbacks it returns at once, and the dispatch thread
+  // drops what is still queued without touching the connection again. From
+  // another thread it waits until a callback still running has returned,
+  // because callbacks run inside this object's callback table.
   CXDREnumBase<enums::CNDMPError> Disconnect();
   // From now on a copy of every received packet lands in GetPacketQueue().
+  // A connection made from an accepted socket holds the packets that arrive
+  // before the application registers a callback or calls StartServerMode,
+  // at most kEarlyPacketLimit of them (later ones are dropped with a
+  // warning), and hands them over here.
   unsigned int StartServerMode();
+  static constexpr std::size_t kEarlyPacketLimit = 64;
 
   bool IsConnected() const;
   bool IsAuthenticated() const { return authenticated_.load(); }
@@ -93,6 +118,8 @@ class CNDMPConnection : public CNDMPCallbackRegistrationTable, private CINDMPRep
   // Frees a reply body returned by SendMessage; null is ignored.
   void FreeMessage(CNDMPMessage* message);
 
+  // Registering a callback ends the serving side's early holding (see
+  // StartServerMode): from then on the application takes the packets.
   CNDMPCallbackRegistration* RegisterCallback(CINDMPCallback* handler);
   CNDMPCallbackRegistration* RegisterCallback(CINDMPCallback* handler,
                                               CXDREnumBase<enums::CNDMPMessageCode> code);
@@ -107,8 +134,12 @@ class CNDMPConnection : public CNDMPCallbackRegistrationTable, private CINDMPRep
   CXDREnumBase<enums::CNDMPError> SendMessage(CNDMPMessage& message, CNDMPMessage** reply,
                                               unsigned int timeout);
   // Sends without waiting: replies (answering `replySequence`) and posts.
+  // Once encoded, the result is NDMP_NO_ERR even when writing the record
+  // failed (that is logged); a successful open or auth reply sets the
+  // connected or authenticated flag either way.
   CXDREnumBase<enums::CNDMPError> SendMessage(CNDMPMessage& message, unsigned int replySequence);
-  // Sends a bare header carrying an error.
+  // Sends a bare header carrying an error; NDMP_NO_ERR once encoded, also
+  // when writing the record failed (that is logged).
   CXDREnumBase<enums::CNDMPError> SendNDMPError(CXDREnumBase<enums::CNDMPMessageType> type,
                                                 CXDREnumBase<enums::CNDMPMessageCode> code,
                                                 CXDREnumBase<enums::CNDMPError> error,
@@ -129,12 +160,24 @@ class CNDMPConnection : public CNDMPCallbackRegistrationTable, private CINDMPRep
   static void SetDefaultCredentialProtector(CNDMPCredentialProtector protector);
 
  private:
+  // What one transport runs: socket, stream, received-packet queue and the
+  // two threads, owned jointly by the connection and by the running threads.
+  struct CSession;
+
   unsigned int InitializeConnection(VxTcpSocket* socket);
   // Ends the serving side's early holding; its packets go to the server
   // queue when `handOver`, else they are dropped.
   void ReleaseEarlyCollector(bool handOver);
+  // Stops collecting early packets; what was held stays for StartServerMode.
+  void EndEarlyHolding();
+  // Opens (or takes over) the socket as the current session's.
   unsigned int OpenSocket(VxTcpSocket* socket);
   void StartThreads();
+  // Stops the current session, whatever the flags say, and releases it;
+  // threads that do not end within the bounds keep it alive (see Disconnect).
+  void StopSession();
+  // Logs a record that could not be written.
+  void LogFailedWrite(const char* what, bool written);
   CXDREnumBase<enums::CNDMPError> SetupProtocolVersion(
       const CXDREnumBase<enums::CNDMPProtocolVersion>& version);
   CXDREnumBase<enums::CNDMPError> ConnectWith(
@@ -160,22 +203,25 @@ class CNDMPConnection : public CNDMPCallbackRegistrationTable, private CINDMPRep
     CNDMPBlockingCallbackHandler* handler;
   };
 
-  CNDMPMessagePacketQueue receivedQueue_;
   CNDMPMessagePacketQueue serverQueue_;
   CNDMPMessagePacketCollector* collector_ = nullptr;
   // Serving side: holds what arrives before StartServerMode.
   CNDMPMessagePacketQueue earlyQueue_;
-  CNDMPMessagePacketCollector* earlyCollector_ = nullptr;
+  CINDMPCallback* earlyCollector_ = nullptr;
   CNDMPCallbackRegistration* earlyRegistration_ = nullptr;
-  CNDMPMessageReceiveThread* receiveThread_ = nullptr;
-  CNDMPMessageDispatchThread* dispatchThread_ = nullptr;
   CNDMPLogCallbackHandler logHandler_;
   CNDMPCallbackRegistration* logRegistration_ = nullptr;
   CNDMPCallbackRegistration* serverRegistration_ = nullptr;
   std::atomic<std::uint32_t> version_{4};
   VxLog& log_;
+  // The current session, and its stream and socket: replaced only under
+  // both sendMutex_ and writeMutex_.
+  std::shared_ptr<CSession> session_;
   CXDRStream* stream_ = nullptr;
   VxTcpSocket* socket_ = nullptr;
+  // Sessions whose threads were still running when they were stopped.
+  std::mutex retiredMutex_;
+  std::vector<std::shared_ptr<CSession>> retired_;  // guarded by retiredMutex_
   VxString hostName_;
   VxString ipAddress_;
   VxString userName_;

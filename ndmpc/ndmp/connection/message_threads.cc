@@ -57,7 +57,7 @@ int CNDMPMessageReceiveThread::run() {
 CNDMPMessageDispatchThread::CNDMPMessageDispatchThread(CNDMPMessagePacketQueue& queue,
                                                        CNDMPCallbackRegistrationTable& table,
                                                        VxLog& log)
-    : VxThread(0), queue_(queue), table_(table), log_(log) {}
+    : VxThread(0), queue_(queue), table_(table), tableAlive_(table.Alive()), log_(log) {}
 
 CNDMPMessageDispatchThread::~CNDMPMessageDispatchThread() {
   stop(false);
@@ -68,7 +68,7 @@ CNDMPMessageDispatchThread::~CNDMPMessageDispatchThread() {
 void CNDMPMessageDispatchThread::DispatchNext() {
   CNDMPMessagePacket* packet = nullptr;
   if (queue_.GetNextPacket(packet)) {
-    table_.DispatchPacket(*packet);
+    if (tableAlive_->load()) table_.DispatchPacket(*packet);
     delete packet;
   }
 }

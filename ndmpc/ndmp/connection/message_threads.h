@@ -10,6 +10,9 @@
 // each packet to the callback table, in arrival order, then destroys it.
 #pragma once
 
+#include <atomic>
+#include <memory>
+
 #include "ndmpc/foundation/vx_log.h"
 #include "ndmpc/foundation/vx_thread.h"
 #include "ndmpc/ndmp/connection/packet_queue.h"
@@ -64,6 +67,9 @@ class CNDMPMessageDispatchThread : public VxThread {
 
   CNDMPMessagePacketQueue& queue_;
   CNDMPCallbackRegistrationTable& table_;
+  // The table may be destroyed by one of its own callbacks: packets still
+  // queued then are dropped instead of offered to it.
+  const std::shared_ptr<const std::atomic<bool>> tableAlive_;
   VxLog& log_;
 };
 

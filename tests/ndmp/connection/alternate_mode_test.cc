@@ -359,5 +359,25 @@ INSTANTIATE_TEST_SUITE_P(
                          "Credential protection failed; alternate login not sent"}),
     [](const ::testing::TestParamInfo<CUnprotectedCase>& param) { return param.param.name; });
 
+// A handshake answer announcing more than the 224-byte buffer: the whole
+// body is dropped, so the login answer and the NDMP records stay in step.
+TEST_F(AlternateMode, LongHandshakeAnswerIsReadWhole) {
+  peer.Run([](CScriptPeer& p) {
+    p.ReadBytes(8);
+    p.Write(HandshakeAnswer(std::vector<unsigned char>(1000, 0xEE)));
+    p.ReadBytes(kLoginSize);
+    p.Write(std::vector<unsigned char>(8, 0));
+    CRawRecord request = p.ReadRecord();
+    if (IsHostInfoRequest(request)) p.Write(ReplyRecord(request.header, HostInfoBody()));
+    p.ReadUntilClosed();
+  });
+  client.SetCredentialProtector(protector.Routine());
+  ASSERT_EQ(Err(client.PAGConnect()), "NDMP_NO_ERR");
+  ASSERT_EQ(Err(client.PAGAuthenticate("operator", "pa55word", "backup-host")), "NDMP_NO_ERR");
+  EXPECT_EQ(AskHost(), "filer-7");
+  client.Disconnect();
+  EXPECT_TRUE(peer.Join());
+}
+
 }  // namespace
 }  // namespace com::vx::korvane::ndmpc
