@@ -172,7 +172,8 @@ void RunBackup(benchmark::State& state, const std::string& tree, std::uint64_t b
   if (restore) {
     state.counters["restore_MB_per_s"] = static_cast<double>(restoredBytes) / restoreSeconds / 1e6;
     state.counters["restore_to_backup"] =
-        static_cast<double>(restoredBytes) / restoreSeconds / (static_cast<double>(bytes) * n / jobSeconds);
+        static_cast<double>(restoredBytes) / restoreSeconds /
+        (static_cast<double>(bytes) * n / jobSeconds);
   }
 }
 
@@ -198,7 +199,10 @@ void BM_JobRestore10DirectoriesByOffset(benchmark::State& state) {
 
 }  // namespace
 
-BENCHMARK(BM_JobRestore1GiBIn64MiBFiles)->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_JobRestore1GiBIn64MiBFiles)
+    ->Iterations(1)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_JobRestore100kSmallFiles)->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_JobRestore10DirectoriesByOffset)
     ->Iterations(1)

@@ -115,8 +115,9 @@ class CSource {
     char* out = static_cast<char*>(buffer);
     while (length > 0) {
       if (Stopped() || !Want(length)) return false;
-      const std::size_t part =
-          left_ == kToEnd ? length : static_cast<std::size_t>(std::min<std::uint64_t>(length, left_));
+      const std::size_t part = left_ == kToEnd ? length
+                                               : static_cast<std::size_t>(
+                                                     std::min<std::uint64_t>(length, left_));
       long got = job_.read ? job_.read(out, part) : -1;
       if (got <= 0) {
         Fail(CSimHaltReason::kConnectError, std::string("the image ") +

@@ -69,9 +69,12 @@ bool SaysNotFound(const std::string& line, const std::string& path) {
   if (lower.find("not found") == std::string::npos) return false;
   for (std::size_t at = line.find(path); at != std::string::npos; at = line.find(path, at + 1)) {
     const std::size_t end = at + path.size();
-    const bool before = at == 0 || line[at - 1] == '"' || line[at - 1] == '\'' || line[at - 1] == ' ';
-    const bool after = end == line.size() || line[end] == '"' || line[end] == '\'' || line[end] == ':';
-    if (before && after) return true;
+    const char before = at == 0 ? ' ' : line[at - 1];
+    const char after = end == line.size() ? ':' : line[end];
+    if ((before == '"' || before == '\'' || before == ' ') &&
+        (after == '"' || after == '\'' || after == ':')) {
+      return true;
+    }
   }
   return false;
 }
