@@ -61,6 +61,9 @@ class CJobView : public CINDMPJobObserver, public CINDMPFileHistorySink {
 
 // What to try after a failed job.
 std::string Advice(const CNDMPJobResult& r) {
+  if (!r.notFound.empty())
+    return "give the paths as the backup has them (/dir/file, below the backed-up file "
+           "system); `ndmpc tape read DEV FILE` and `tar -tf FILE` list the image";
   if (r.error.rfind("tape full", 0) == 0) return "use a larger tape";
   if (r.agentLost)
     return "check that the server is running and reachable, then run the job "
@@ -171,6 +174,11 @@ int RunJob(CCommandContext& context, bool backup, const std::vector<std::string>
     json.Key("environment").BeginObject();
     for (const auto& [name, value] : r.environment) json.Key(name).String(value);
     json.EndObject();
+    if (!r.notFound.empty()) {
+      json.Key("not_found").BeginArray();
+      for (const std::string& path : r.notFound) json.String(path);
+      json.EndArray();
+    }
     if (!r.error.empty()) json.Key("error").String(r.error);
     if (index != nullptr && backup) json.Key("index_backup").Number(index->BackupId());
     json.EndObject();

@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstring>
 #include <map>
+#include <set>
 
 #include "tools/simulator/data_engine.h"
 #include "tools/simulator/tar_image.h"
@@ -64,8 +65,12 @@ std::string Dirname(const std::string& path) {
 }
 
 // The image as the data agent delivers it. In direct mode every read that
-// finds no outstanding bytes asks for exactly what it needs; after ToEnd()
-// (or in a sequential pass) it reads on from the one open-ended request.
+// finds no outstanding bytes asks for what it needs; within a directory
+// (HeaderAhead) also for the header block that follows, which is read next
+// anyway, so that each entry costs one request instead of two. After
+// ToEnd() (or in a sequential pass) it reads on from one open-ended
+// request. Bytes asked for are always read, also when a seek leaves them
+// behind: the data connection carries nothing else.
 class CSource {
  public:
   explicit CSource(CSimRecoverJob& job) : job_(job) {}
@@ -81,30 +86,46 @@ class CSource {
     }
     return true;
   }
-  void Seek(std::uint64_t offset) {
+  // Moves to `offset`: forward through the outstanding bytes, or after
+  // draining them.
+  bool Seek(std::uint64_t offset) {
+    if (left_ != 0 && offset >= offset_ && (left_ == kToEnd || offset - offset_ <= left_)) {
+      return Skip(offset - offset_);
+    }
+    if (left_ == kToEnd) {
+      Fail(CSimHaltReason::kInternalError, "cannot seek back while reading to the end");
+      return false;
+    }
+    if (left_ != 0 && !Skip(left_)) return false;
     offset_ = offset;
-    left_ = 0;
+    return true;
   }
-  bool ToEnd() { return Request(offset_, kToEnd); }
-  // Asks for the next `length` bytes when nothing is outstanding.
-  bool Want(std::uint64_t length) { return left_ != 0 || length == 0 || Request(offset_, length); }
+  // From the outstanding bytes on, reads to the end of the image.
+  bool ToEnd() {
+    toEnd_ = true;
+    return left_ != 0 || Request(offset_, kToEnd);
+  }
+  void HeaderAhead(bool on) { headerAhead_ = on; }
+  // Asks for the next `length` bytes (or more) when nothing is outstanding.
+  bool Want(std::uint64_t length) {
+    if (left_ != 0 || length == 0) return true;
+    return Request(offset_, toEnd_ ? kToEnd : length + (headerAhead_ ? kTarBlockSize : 0));
+  }
   bool ReadExact(void* buffer, std::size_t length) {
-    if (!Want(length)) return false;
     char* out = static_cast<char*>(buffer);
     while (length > 0) {
-      if (Stopped()) return false;
-      if (left_ != kToEnd && left_ < length) {
-        Fail(CSimHaltReason::kInternalError, "read past the requested image bytes");
-        return false;
-      }
-      long got = job_.read ? job_.read(out, length) : -1;
+      if (Stopped() || !Want(length)) return false;
+      const std::size_t part = left_ == kToEnd ? length
+                                               : static_cast<std::size_t>(
+                                                     std::min<std::uint64_t>(length, left_));
+      long got = job_.read ? job_.read(out, part) : -1;
       if (got <= 0) {
         Fail(CSimHaltReason::kConnectError, std::string("the image ") +
                                                 (got == 0 ? "ended" : "could not be read") +
                                                 " at byte " + std::to_string(offset_));
         return false;
       }
-      std::size_t n = std::min(static_cast<std::size_t>(got), length);
+      std::size_t n = std::min(static_cast<std::size_t>(got), part);
       out += n;
       length -= n;
       offset_ += n;
@@ -140,6 +161,7 @@ class CSource {
  private:
   CSimRecoverJob& job_;
   std::uint64_t offset_ = 0, left_ = 0;
+  bool toEnd_ = false, headerAhead_ = false;
   CSimHaltReason halt_ = CSimHaltReason::kSuccessful;
 };
 
@@ -176,6 +198,7 @@ class CRecover {
     }
     Log(0, std::string(job_.historyOnly ? "reading file history of " : "recovering ") +
                std::to_string(items.size()) + " item(s)");
+    const std::vector<CSimRecoverItem> wanted = items;
     bool direct = !job_.historyOnly && std::all_of(items.begin(), items.end(), [](auto& item) {
       return item.fhInfo != kToEnd;
     });
@@ -191,6 +214,13 @@ class CRecover {
     if (!items.empty() && !source_.Stopped()) Sequential(items);
     FinishDirectories();
     SendHistory(true);
+    // A name that matched nothing is worth a warning each: the restore
+    // itself went well, but not everything asked for was there.
+    for (const CSimRecoverItem& item : wanted) {
+      if (!job_.historyOnly && !source_.Stopped() && seen_.count(item.original) == 0) {
+        Log(1, "\"" + item.original + "\": not found in the image");
+      }
+    }
     if (source_.halt() == CSimHaltReason::kSuccessful && failures_ > 0) {
       source_.Fail(CSimHaltReason::kInternalError,
                    std::to_string(failures_) + " entries could not be restored");
@@ -234,7 +264,7 @@ class CRecover {
 
   // One item at its known offset; false when the header there is not the item.
   bool Direct(const CSimRecoverItem& item, bool last) {
-    source_.Seek(item.fhInfo);
+    if (!source_.Seek(item.fhInfo)) return true;
     CHeader header;
     if (Next(&header, true) != CTarRead::kEntry || header.path != item.original) {
       if (source_.Stopped()) return true;
@@ -247,19 +277,25 @@ class CRecover {
       return true;
     }
     if (last && !source_.ToEnd()) return true;
+    // The directory's entries follow its header, each one's data followed by
+    // the next header (at worst the end-of-archive block).
+    source_.HeaderAhead(true);
     for (;;) {
-      if (!Take(header, item)) return true;
-      if (Next(&header) != CTarRead::kEntry || header.path.empty() ||
+      if (!Take(header, item) || Next(&header) != CTarRead::kEntry || header.path.empty() ||
           !Under(header.path, item.original)) {
+        source_.HeaderAhead(false);
         return true;
       }
     }
   }
 
   void Sequential(const std::vector<CSimRecoverItem>& items) {
-    if (!source_.Request(0, kToEnd)) return;
+    if (!source_.Seek(0) || !source_.Request(0, kToEnd)) return;
     CHeader header;
     while (Next(&header) == CTarRead::kEntry) {
+      for (const CSimRecoverItem& item : items) {  // nested items are found too
+        if (!header.path.empty() && Under(header.path, item.original)) seen_.insert(item.original);
+      }
       auto match = std::find_if(items.begin(), items.end(), [&](const CSimRecoverItem& item) {
         return !header.path.empty() && Under(header.path, item.original);
       });
@@ -273,6 +309,7 @@ class CRecover {
 
   // Restores (or reports) one entry and consumes its data.
   bool Take(const CHeader& header, const CSimRecoverItem& item) {
+    seen_.insert(item.original);
     std::uint64_t padded = TarPadded(header.tar.size);
     if (job_.historyOnly) {
       Report(header);
@@ -520,6 +557,7 @@ class CRecover {
   std::vector<CDirectoryTime> directories_;
   CSimHistoryBuffer history_;
   std::map<std::string, std::uint64_t> nodeNumbers_;
+  std::set<std::string> seen_;  // the items that matched an entry
   std::uint64_t restored_ = 0, failures_ = 0;
 };
 

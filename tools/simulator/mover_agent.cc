@@ -372,7 +372,8 @@ void CSimMoverAgent::ReadTape() {
         const bool closed = endpoint_.stream->PeerClosed(0);
         lock.lock();
         if (closed) break;
-        wake_.wait_for(lock, kPeerCheck);
+        // The predicate also catches a read that came while unlocked.
+        wake_.wait_for(lock, kPeerCheck, [this] { return readPending_ || abort_; });
       }
       if (!readPending_ && !abort_) {
         lock.unlock();
@@ -383,9 +384,6 @@ void CSimMoverAgent::ReadTape() {
     }
     if (abort_) return Halt(HaltReason::NDMP_MOVER_HALT_ABORTED, "aborted");
     if (!Send(offset, length)) return;
-    std::lock_guard<std::mutex> lock(mutex_);
-    readPending_ = false;
-    bytesLeftToRead_ = 0;
   }
 }
 
@@ -453,6 +451,13 @@ bool CSimMoverAgent::Send(std::uint64_t offset, std::uint64_t length) {
     }
     const std::size_t count =
         static_cast<std::size_t>(std::min<std::uint64_t>(data.size() - skip, end - position));
+    {
+      // The read is done before its last bytes go out: the data agent may
+      // ask for the next one as soon as it has them.
+      std::lock_guard<std::mutex> lock(mutex_);
+      bytesLeftToRead_ = end == kToTheEnd ? 0 : end - position - count;
+      if (position + count == end) readPending_ = false;
+    }
     if (!endpoint_.stream->WriteAll(data.data() + skip, count)) {
       Halt(HaltReason::NDMP_MOVER_HALT_CONNECTION_CLOSED, "the data connection closed");
       return false;
@@ -460,8 +465,6 @@ bool CSimMoverAgent::Send(std::uint64_t offset, std::uint64_t length) {
     position += count;
     bytesMoved_ += count;
     recordNum_ = static_cast<std::uint32_t>(record + 1);
-    std::lock_guard<std::mutex> lock(mutex_);
-    bytesLeftToRead_ = end == kToTheEnd ? 0 : end - position;
   }
   return true;
 }
@@ -493,7 +496,9 @@ bool CSimMoverAgent::Pause(unsigned int reason, std::uint64_t seek) {
       peerClosed = endpoint_.stream->PeerClosed(0);
       lock.lock();
     }
-    wake_.wait_for(lock, kPeerCheck * 10);
+    wake_.wait_for(lock, kPeerCheck * 10, [this] {
+      return state_ != State::kPaused || abort_ || closeRequested_;
+    });
   }
   const bool closed = closeRequested_;
   lock.unlock();

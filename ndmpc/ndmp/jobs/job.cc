@@ -1,6 +1,7 @@
 #include "ndmpc/ndmp/jobs/job.h"
 
 #include <chrono>
+#include <cctype>
 #include <cstdio>
 
 #include "ndmpc/ndmp/connection/data_read_handler.h"
@@ -60,6 +61,24 @@ CNDMPAddr DataConnectAddress(CNDMPAddr& listen, const char* tapeHostIp) {
   return address;
 }
 
+// True when a log line says `path` was not found: it names the path whole
+// (quoted, or followed by a colon) and says "not found".
+bool SaysNotFound(const std::string& line, const std::string& path) {
+  std::string lower = line;
+  for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  if (lower.find("not found") == std::string::npos) return false;
+  for (std::size_t at = line.find(path); at != std::string::npos; at = line.find(path, at + 1)) {
+    const std::size_t end = at + path.size();
+    const char before = at == 0 ? ' ' : line[at - 1];
+    const char after = end == line.size() ? ':' : line[end];
+    if ((before == '"' || before == '\'' || before == ' ') &&
+        (after == '"' || after == '\'' || after == ':')) {
+      return true;
+    }
+  }
+  return false;
+}
+
 }  // namespace
 
 // Receives the posts of one agent's connection: halts and pauses wake the
@@ -67,12 +86,19 @@ CNDMPAddr DataConnectAddress(CNDMPAddr& listen, const char* tapeHostIp) {
 // the mover.
 class CNDMPJob::CWatcher : public CINDMPCallback {
  public:
-  CWatcher(CNDMPJob& job, const char* agent) : job_(job), agent_(agent) {}
+  CWatcher(CNDMPJob& job, bool dataAgent)
+      : job_(job), dataAgent_(dataAgent), agent_(dataAgent ? "data" : "tape") {}
   unsigned int HandleMessagePacket(CNDMPMessagePacket& packet) override {
     CNDMPMessage* body = packet.GetMessage();
     CINDMPJobObserver* observer = job_.settings_.observer;
     if (auto* log = dynamic_cast<CNDMPLogMessagePost*>(body)) {
-      if (observer != nullptr) observer->OnLog(agent_, log->LogType.getInt32(), log->Entry);
+      const unsigned int type = log->LogType.getInt32();
+      if (dataAgent_ && (type == enums::CNDMPEnumLogType::NDMP_LOG_WARNING ||
+                                   type == enums::CNDMPEnumLogType::NDMP_LOG_ERROR)) {
+        std::lock_guard<std::mutex> lock(job_.mutex_);
+        job_.dataProblems_.push_back(log->Entry);
+      }
+      if (observer != nullptr) observer->OnLog(agent_, type, log->Entry);
     } else if (auto* file = dynamic_cast<CNDMPLogFilePost*>(body)) {
       if (observer != nullptr) {
         observer->OnLog(agent_, enums::CNDMPEnumLogType::NDMP_LOG_ERROR,
@@ -92,6 +118,7 @@ class CNDMPJob::CWatcher : public CINDMPCallback {
 
  private:
   CNDMPJob& job_;
+  const bool dataAgent_;  // two-way: the posts of both agents
   const char* agent_;
 };
 
@@ -162,9 +189,9 @@ CNDMPJobResult CNDMPJob::Run() {
     result_.error = "a job needs a data connection, a tape connection and a tape device";
     return result_;
   }
-  dataWatcher_ = new CWatcher(*this, "data");
+  dataWatcher_ = new CWatcher(*this, true);
   const bool twoWay = settings_.data == settings_.tape;
-  tapeWatcher_ = twoWay ? nullptr : new CWatcher(*this, "tape");
+  tapeWatcher_ = twoWay ? nullptr : new CWatcher(*this, false);
   auto enter = [this](CNDMPConnection* c, CINDMPCallback* h, CNDMPMessageCode::enum_value code) {
     registrations_.emplace_back(c, c->RegisterCallback(h, code));
   };
@@ -198,6 +225,7 @@ CNDMPJobResult CNDMPJob::Run() {
     connection->UnregisterCallback(registration);
   }
   registrations_.clear();
+  CheckNotFound();
   if (historyHandler_ != nullptr) result_.historyEntries = historyHandler_->Entries();
   result_.seconds = SecondsSince(start);
   return result_;
@@ -249,10 +277,14 @@ bool CNDMPJob::Prepare() {
   CNDMPMoverSetRecordSizeRequest recordSize;
   recordSize.RecordLength = settings_.recordSize;
   if (!step(false, recordSize, "NDMP_MOVER_SET_RECORD_SIZE")) return false;
+  // Version 4 movers take the window while idle; version 3 ones only once
+  // they listen (an idle one refuses it with NDMP_ILLEGAL_STATE_ERR).
+  const bool windowAfterListen =
+      settings_.tape->GetProtocolVersion() == enums::CNDMPProtocolVersion::PROTOCOL_VERSION_3;
   CNDMPMoverSetWindowRequest window;
   window.Offset = CNDMPUQuad(0);
   window.Length = CNDMPUQuad(~std::uint64_t{0});
-  if (!step(false, window, "NDMP_MOVER_SET_WINDOW")) return false;
+  if (!windowAfterListen && !step(false, window, "NDMP_MOVER_SET_WINDOW")) return false;
 
   CNDMPMoverListenRequest listen;
   listen.Mode = backup_ ? enums::CNDMPEnumMoverMode::NDMP_MOVER_MODE_READ
@@ -265,6 +297,10 @@ bool CNDMPJob::Prepare() {
     return false;
   }
   moverActive_ = true;
+  if (windowAfterListen && !step(false, window, "NDMP_MOVER_SET_WINDOW")) {
+    settings_.tape->FreeMessage(reply);
+    return false;
+  }
   CNDMPDataConnectRequest connect;
   auto* listening = dynamic_cast<CNDMPMoverListenReply*>(reply);
   if (listening != nullptr) {
@@ -314,6 +350,31 @@ CXDREnumBase<CNDMPError> CNDMPRestoreJob::StartData() {
   }
   if (items_.empty()) return CNDMPError::NDMP_ILLEGAL_ARGS_ERR;
   return AskData(request);
+}
+
+std::vector<std::string> CNDMPRestoreJob::RequestedPaths() const {
+  std::vector<std::string> paths;
+  for (const CNDMPRestoreItem& item : items_) paths.push_back(item.originalPath);
+  return paths;
+}
+
+void CNDMPJob::CheckNotFound() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  const std::vector<std::string> wanted = RequestedPaths();
+  for (const std::string& path : wanted) {
+    for (const std::string& line : dataProblems_) {
+      if (SaysNotFound(line, path)) {
+        result_.notFound.push_back(path);
+        break;
+      }
+    }
+  }
+  if (result_.notFound.empty() || result_.outcome != CNDMPJobOutcome::kSucceeded) return;
+  std::string list;
+  for (const std::string& path : result_.notFound) list += (list.empty() ? "" : ", ") + path;
+  result_.outcome = CNDMPJobOutcome::kFailed;
+  result_.error = std::to_string(result_.notFound.size()) + " of " +
+                  std::to_string(wanted.size()) + " requested paths are not in the image: " + list;
 }
 
 CXDREnumBase<CNDMPError> CNDMPJob::AskData(CNDMPMessage& request) { return Ask(true, request); }

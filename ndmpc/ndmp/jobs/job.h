@@ -50,7 +50,12 @@ struct CNDMPJobProgress {
 class CINDMPJobObserver {
  public:
   virtual ~CINDMPJobObserver() = default;
-  // After each state poll, on the thread that runs the job.
+  // After each state poll, on the thread that runs the job (the caller of
+  // Run), not on a dispatch thread: progress is what the job learns from
+  // NDMP_DATA_GET_STATE and NDMP_MOVER_GET_STATE, whose replies go to the
+  // requesting thread, and the connection offers no way to queue work on
+  // its dispatch thread. It may therefore run at the same time as OnLog and
+  // the history sink; an observer that shares state between them locks it.
   virtual void OnProgress(const CNDMPJobProgress& /*progress*/) {}
   // Each log post of either agent ("data" or "tape"), with its
   // enums::CNDMPEnumLogType, on that connection's dispatch thread.
@@ -105,6 +110,10 @@ struct CNDMPJobResult {
   unsigned int moverHaltReason = 0;  // an enums::CNDMPEnumMoverHaltReason value
   unsigned int tapesUsed = 0;
   CNDMPEnvironment environment;  // NDMP_DATA_GET_ENV after a backup
+  // The restore items (original paths) the data agent reported missing with
+  // a warning or error log line naming the path and saying "not found"; a
+  // restore with any fails, although the rest was restored.
+  std::vector<std::string> notFound;
 };
 
 // The common machinery of both jobs; use CNDMPBackupJob or CNDMPRestoreJob.
@@ -127,6 +136,9 @@ class CNDMPJob {
   const CNDMPJobSettings& Settings() const { return settings_; }
   // Sends a request to the data agent with the job's bounded wait.
   CXDREnumBase<enums::CNDMPError> AskData(CNDMPMessage& request);
+  // The image paths a restore asked for, checked against the data agent's
+  // "not found" log lines when the job ends.
+  virtual std::vector<std::string> RequestedPaths() const { return {}; }
 
  private:
   class CWatcher;
@@ -142,6 +154,8 @@ class CNDMPJob {
   // Records why a state poll failed; always false.
   bool PollFailed(bool dataAgent, const CXDREnumBase<enums::CNDMPError>& err);
   bool ChangeTape();
+  // Fails a restore whose data agent reported requested paths missing.
+  void CheckNotFound();
   // Records why the job failed; the first reason stays.
   void Fail(const std::string& text);
   void Refused(const CXDREnumBase<enums::CNDMPError>& error);
@@ -164,6 +178,7 @@ class CNDMPJob {
   std::mutex mutex_;
   std::condition_variable wake_;
   bool woken_ = false;  // guarded by mutex_: a post arrived or Abort was called
+  std::vector<std::string> dataProblems_;  // guarded by mutex_: warning and error log lines
 
   // Touched only by the thread running the job.
   CNDMPJobResult result_;
@@ -196,6 +211,7 @@ class CNDMPRestoreJob : public CNDMPJob {
 
  protected:
   CXDREnumBase<enums::CNDMPError> StartData() override;
+  std::vector<std::string> RequestedPaths() const override;
 
  private:
   std::vector<CNDMPRestoreItem> items_;
