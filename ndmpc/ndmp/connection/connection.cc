@@ -136,7 +136,13 @@ CNDMPConnection::~CNDMPConnection() {
     std::lock_guard<std::mutex> lock(retiredMutex_);
     retired.swap(retired_);
   }
-  for (const std::shared_ptr<CSession>& session : retired) session->WaitForThreads();
+  for (const std::shared_ptr<CSession>& session : retired) {
+    session->WaitForThreads();
+    // Destroyed from one of its callbacks, the dispatch thread still holds
+    // the session: its reader has ended, so the stream (which logs to the
+    // application's log) goes now rather than after the application's log.
+    session->stream.reset();
+  }
   ReleaseEarlyCollector(false);
   if (serverRegistration_ != nullptr) {
     UnregisterCallback(serverRegistration_);

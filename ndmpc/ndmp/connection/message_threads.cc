@@ -65,23 +65,29 @@ CNDMPMessageDispatchThread::~CNDMPMessageDispatchThread() {
   waitUntilStopped(VX_INFINITE);
 }
 
-void CNDMPMessageDispatchThread::DispatchNext() {
+bool CNDMPMessageDispatchThread::DispatchNext() {
   CNDMPMessagePacket* packet = nullptr;
   if (queue_.GetNextPacket(packet)) {
     if (tableAlive_->load()) table_.DispatchPacket(*packet);
     delete packet;
   }
+  return tableAlive_->load();
 }
 
 int CNDMPMessageDispatchThread::run() {
   log_.debug("Dispatch Thread started");
+  // Once a callback has destroyed the connection, nothing the connection
+  // was given (its log included) may be touched again: the thread just ends.
   while (runnable()) {
     while (runnable() && queue_.GetFilledSize() == 0) queue_.WaitForPacket(1000);
-    if (runnable() && queue_.GetFilledSize() != 0) DispatchNext();
+    if (runnable() && queue_.GetFilledSize() != 0 && !DispatchNext()) return 0;
   }
+  if (!tableAlive_->load()) return 0;
   log_.debug("Dispatch Thread closing");
   // Packets queued before the stop are still delivered, deliberately.
-  while (queue_.GetFilledSize() != 0) DispatchNext();
+  while (queue_.GetFilledSize() != 0) {
+    if (!DispatchNext()) return 0;
+  }
   log_.debug("Dispatch Thread closed");
   return 0;
 }

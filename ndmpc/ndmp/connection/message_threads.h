@@ -63,7 +63,8 @@ class CNDMPMessageDispatchThread : public VxThread {
   int run() override;
 
  private:
-  void DispatchNext();
+  // Offers the next packet; false once the table is gone.
+  bool DispatchNext();
 
   CNDMPMessagePacketQueue& queue_;
   CNDMPCallbackRegistrationTable& table_;

@@ -20,8 +20,10 @@ using Clock = std::chrono::steady_clock;
 // How long an abort waits for the agents to report themselves halted.
 constexpr std::chrono::seconds kAbortWait{5};
 // How long a restore's data agent may make no progress while the mover
-// waits at the end of a tape before the next tape is asked for.
-constexpr std::chrono::milliseconds kEndOfDataSettle{1500};
+// waits at the end of a tape before the next tape is asked for. A data agent
+// that has read all it needs may still be busy finishing (closing files,
+// setting times) on a loaded server; a tape change takes far longer anyway.
+constexpr std::chrono::milliseconds kEndOfDataSettle{5000};
 
 // The first error field of a reply body (every NDMP reply has one).
 CXDREnumBase<CNDMPError> ReplyError(CNDMPMessage& reply) {
