@@ -51,6 +51,7 @@ int CNDMPMessageReceiveThread::run() {
     }
   }
   log_.debug("[0x%08X] Message receive thread closed", handle);
+  queue_.Close();
   return 0;
 }
 
@@ -76,13 +77,18 @@ void CNDMPMessageDispatchThread::DispatchNext() {
 int CNDMPMessageDispatchThread::run() {
   log_.debug("Dispatch Thread started");
   while (runnable()) {
-    while (runnable() && queue_.GetFilledSize() == 0) queue_.WaitForPacket(1000);
+    while (runnable() && queue_.GetFilledSize() == 0 && !queue_.IsClosed()) {
+      queue_.WaitForPacket(1000);
+    }
+    // Closed first, then empty: everything the reader put has been taken.
+    if (queue_.IsClosed() && queue_.GetFilledSize() == 0) break;
     if (runnable() && queue_.GetFilledSize() != 0) DispatchNext();
   }
   log_.debug("Dispatch Thread closing");
   // Packets queued before the stop are still delivered, deliberately.
   while (queue_.GetFilledSize() != 0) DispatchNext();
   log_.debug("Dispatch Thread closed");
+  if (endHandler_) endHandler_();
   return 0;
 }
 

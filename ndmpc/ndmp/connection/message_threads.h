@@ -8,7 +8,13 @@
 //
 // CNDMPMessageDispatchThread is the only consumer of the queue: it offers
 // each packet to the callback table, in arrival order, then destroys it.
+// When the receive thread ends (the peer closed, or a stop), it closes the
+// queue; the dispatch thread then delivers what is left and ends too, and
+// calls its end handler, so that a consumer further on learns at once that
+// nothing more will come.
 #pragma once
+
+#include <functional>
 
 #include "ndmpc/foundation/vx_log.h"
 #include "ndmpc/foundation/vx_thread.h"
@@ -56,6 +62,9 @@ class CNDMPMessageDispatchThread : public VxThread {
                              CNDMPCallbackRegistrationTable& table, VxLog& log);
   ~CNDMPMessageDispatchThread() override;
 
+  // Called on the dispatch thread after the last packet; set before start.
+  void SetEndHandler(std::function<void()> handler) { endHandler_ = std::move(handler); }
+
  protected:
   int run() override;
 
@@ -65,6 +74,7 @@ class CNDMPMessageDispatchThread : public VxThread {
   CNDMPMessagePacketQueue& queue_;
   CNDMPCallbackRegistrationTable& table_;
   VxLog& log_;
+  std::function<void()> endHandler_;
 };
 
 }  // namespace com::vx::korvane::ndmpc
