@@ -10,6 +10,7 @@
 // one is connected (version 3 or 4, at random) and authenticated, an open
 // one is dropped with probability 1/drop-one-in (never when 0), otherwise it sends one request of
 // the mix and waits for its reply.
+#include <malloc.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -49,18 +50,33 @@ long ResidentKb(const std::string& pid) {
   return -1;
 }
 
-// Runs the server in a child; returns its PID and port, or -1.
-pid_t StartServer(unsigned int* port) {
+// Bytes the allocator has handed out and not taken back (live blocks).
+long HeapInUse() { return static_cast<long>(mallinfo2().uordblks); }
+// Bytes the allocator holds from the system: its arenas and mapped blocks.
+long HeapHeld() {
+  const struct mallinfo2 info = mallinfo2();
+  return static_cast<long>(info.arena + info.hblkhd);
+}
+
+// Runs the server in a child; returns its PID and port, or -1. `*reportFd`
+// then reads the child's heap bytes in use and held, two longs per SIGUSR1.
+pid_t StartServer(unsigned int* port, int* reportFd) {
   int pipeFds[2];
   if (::pipe(pipeFds) != 0) return -1;
   pid_t child = ::fork();
   if (child != 0) {
     ::close(pipeFds[1]);
     bool ok = child > 0 && ::read(pipeFds[0], port, sizeof(*port)) == sizeof(*port);
-    ::close(pipeFds[0]);
+    *reportFd = pipeFds[0];
     return ok ? child : -1;
   }
   ::close(pipeFds[0]);
+  // Blocked before any server thread starts, so that only sigwait sees them.
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGTERM);
+  sigaddset(&set, SIGUSR1);
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);
   ndmpc::tools::CSimServerConfig config;
   config.port = 0;
   config.maxClients = 1024;
@@ -72,14 +88,12 @@ pid_t StartServer(unsigned int* port) {
   if (!server.Start(&error)) ::_exit(1);
   unsigned int chosen = server.Port();
   if (::write(pipeFds[1], &chosen, sizeof(chosen)) != sizeof(chosen)) ::_exit(1);
-  ::close(pipeFds[1]);
   // Serves until the parent ends it with SIGTERM.
-  sigset_t set;
-  sigemptyset(&set);
-  sigaddset(&set, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &set, nullptr);
   int signal = 0;
-  sigwait(&set, &signal);
+  while (sigwait(&set, &signal) == 0 && signal == SIGUSR1) {
+    const long figures[2] = {HeapInUse(), HeapHeld()};
+    if (::write(pipeFds[1], figures, sizeof(figures)) != sizeof(figures)) break;
+  }
   server.Stop();
   ::rmdir(dir);
   ::_exit(0);
@@ -143,11 +157,32 @@ void Worker(unsigned int port, unsigned int seed, unsigned int dropOneIn,
   for (auto& c : connections) c->Disconnect();
 }
 
+struct CServerProcess {
+  pid_t pid;
+  int reportFd;
+};
+
+// The server's heap bytes in use and held, or -1s.
+void ServerHeap(const CServerProcess& server, long figures[2]) {
+  if (::kill(server.pid, SIGUSR1) != 0 ||
+      ::read(server.reportFd, figures, 2 * sizeof(long)) != 2 * sizeof(long)) {
+    figures[0] = figures[1] = -1;
+  }
+}
+
+// One line: throughput over the last interval, then resident memory and
+// heap in use (live allocated blocks) / held from the system of both processes. Resident memory
+// growing while the heap in use stays flat is allocator fragmentation.
 void Report(const char* when, double seconds, long requests, long previous, double interval,
-            pid_t server) {
-  std::printf("%-6s t=%6.1f s  requests/s %8.0f  client VmRSS %7ld KiB  server VmRSS %7ld KiB\n",
-              when, seconds, interval > 0 ? static_cast<double>(requests - previous) / interval : 0.0,
-              ResidentKb("self"), ResidentKb(std::to_string(server)));
+            const CServerProcess& server) {
+  long serverHeap[2];
+  ServerHeap(server, serverHeap);
+  std::printf(
+      "%-5s t=%6.1f s  req/s %6.0f  client RSS %6ld heap %6ld/%6ld  "
+      "server RSS %6ld heap %6ld/%6ld KiB\n",
+      when, seconds, interval > 0 ? static_cast<double>(requests - previous) / interval : 0.0,
+      ResidentKb("self"), HeapInUse() / 1024, HeapHeld() / 1024,
+      ResidentKb(std::to_string(server.pid)), serverHeap[0] / 1024, serverHeap[1] / 1024);
   std::fflush(stdout);
 }
 
@@ -163,8 +198,9 @@ int main(int argc, char** argv) {
     return 2;
   }
   unsigned int port = 0;
-  pid_t server = StartServer(&port);
-  if (server < 0) {
+  CServerProcess server{-1, -1};
+  server.pid = StartServer(&port, &server.reportFd);
+  if (server.pid < 0) {
     std::fprintf(stderr, "the simulated server did not start\n");
     return 1;
   }
@@ -196,8 +232,9 @@ int main(int argc, char** argv) {
   std::printf("total: %ld requests (%.0f/s), %ld connects, %ld deliberate disconnects, %ld failures\n",
               total, static_cast<double>(total) / duration, counters.connects.load(),
               counters.disconnects.load(), counters.failures.load());
-  ::kill(server, SIGTERM);
+  ::kill(server.pid, SIGTERM);
   int status = 0;
-  ::waitpid(server, &status, 0);
+  ::waitpid(server.pid, &status, 0);
+  ::close(server.reportFd);
   return 0;
 }

@@ -7,6 +7,7 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -115,6 +116,7 @@ VxTcpSocket::VxTcpSocket(int /*type*/) {}
 VxTcpSocket::~VxTcpSocket() {
   if (fd_ >= 0) ::close(fd_);
   if (wakeFd_ >= 0) ::close(wakeFd_);
+  if (readAhead_ != nullptr) ::munmap(readAhead_, kReadAheadSize);
 }
 
 void VxTcpSocket::interruptWait() {
@@ -191,9 +193,14 @@ void VxTcpSocket::setReadTimeout(unsigned int milliseconds) {
 }
 
 unsigned int VxTcpSocket::FillReadAhead() {
-  if (!readAhead_) readAhead_.reset(new unsigned char[kReadAheadSize]);
+  if (readAhead_ == nullptr) {
+    void* mapped = ::mmap(nullptr, kReadAheadSize, PROT_READ | PROT_WRITE,
+                          MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (mapped == MAP_FAILED) return StatusFromErrno(errno);
+    readAhead_ = static_cast<unsigned char*>(mapped);
+  }
   for (;;) {
-    ssize_t n = ::recv(fd_, readAhead_.get(), kReadAheadSize, 0);
+    ssize_t n = ::recv(fd_, readAhead_, kReadAheadSize, 0);
     if (n > 0) {
       readStart_ = 0;
       readEnd_ = static_cast<unsigned int>(n);
@@ -217,7 +224,7 @@ unsigned int VxTcpSocket::read(void* buffer, unsigned int length, unsigned int* 
   while (status == 0 && done < length) {
     if (readStart_ < readEnd_) {
       unsigned int n = std::min(length - done, readEnd_ - readStart_);
-      std::memcpy(out + done, readAhead_.get() + readStart_, n);
+      std::memcpy(out + done, readAhead_ + readStart_, n);
       readStart_ += n;
       done += n;
       continue;

@@ -107,8 +107,13 @@ class VxTcpSocket {
   int wakeFd_ = -1;  // eventfd that interruptWait signals
   std::atomic<bool> open_{false};
   std::atomic<bool> ended_{false};
-  // Read-ahead buffer, touched only by the reading thread.
-  std::unique_ptr<unsigned char[]> readAhead_;
+  // Read-ahead buffer, touched only by the reading thread. A mapping of its
+  // own, not a heap block: it lives as long as the socket but is made on the
+  // (often short-lived) reading thread, and such blocks left in the heap
+  // arenas of ended threads fragment them, so that resident memory kept
+  // rising with every reconnect. A mapping goes back whole when the socket
+  // is destroyed, and only the pages actually read into become resident.
+  unsigned char* readAhead_ = nullptr;
   unsigned int readStart_ = 0;
   unsigned int readEnd_ = 0;
 };

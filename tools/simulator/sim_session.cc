@@ -32,7 +32,9 @@ namespace {
 
 // How long a new client may stay silent before it is dropped.
 constexpr auto kGreetingIdleLimit = std::chrono::seconds(60);
-constexpr unsigned int kQueueWaitMs = 200;
+// The queue is woken by every packet and closed when the client leaves or
+// the session is interrupted; the time limit only bounds a missed wake-up.
+constexpr unsigned int kQueueWaitMs = 1000;
 
 }  // namespace
 
@@ -200,11 +202,6 @@ std::unique_ptr<CNDMPMessagePacket> CSimSession::ReadFirst(CXDRStream& stream) {
   return nullptr;
 }
 
-bool CSimSession::SocketAlive() {
-  const VxTcpSocket* socket = connection_->getSocket();
-  return socket != nullptr && socket->isConnected();
-}
-
 void CSimSession::Run() {
   log_.info("sim client %u: connected from %s", id_,
             socket_->getRemoteAddress().toIPAddress().c_str());
@@ -224,13 +221,16 @@ void CSimSession::Run() {
       first.reset();
       CNDMPMessagePacketQueue& queue = connection_->GetPacketQueue();
       while (!closing_ && !interrupted_ && !server_.Stopping()) {
-        if (queue.GetFilledSize() == 0) queue.WaitForPacket(kQueueWaitMs);
+        if (queue.GetFilledSize() == 0 && !queue.IsClosed()) queue.WaitForPacket(kQueueWaitMs);
+        // Read before draining: closed and then drained means every request
+        // the client sent before leaving has been served.
+        const bool inputEnded = queue.IsClosed();
         CNDMPMessagePacket* packet = nullptr;
         while (!closing_ && queue.GetNextPacket(packet)) {
           std::unique_ptr<CNDMPMessagePacket> owned(packet);
           Handle(*owned);
         }
-        if (!SocketAlive() && queue.GetFilledSize() == 0) break;
+        if (inputEnded && queue.GetFilledSize() == 0) break;
       }
     }
   }

@@ -53,7 +53,6 @@ class CSimSession {
   // the connection exists (see Run).
   std::unique_ptr<CNDMPMessagePacket> Greet();
   std::unique_ptr<CNDMPMessagePacket> ReadFirst(CXDRStream& stream);
-  bool SocketAlive();
   void Handle(CNDMPMessagePacket& packet);
   // Stops the agents' threads and releases the devices.
   void StopAgents();

@@ -190,6 +190,12 @@ void CNDMPConnection::StartThreads() {
   session->receiveThread->SetReplyRouter(this);
   session->dispatchThread =
       std::make_unique<CNDMPMessageDispatchThread>(session->queue, *this, log_);
+  session->dispatchThread->SetEndHandler([this, s = session.get()] { InputEnded(s); });
+  {
+    std::lock_guard<std::mutex> lock(inputMutex_);
+    inputSession_ = session.get();
+    serverQueue_.Reopen();
+  }
   RegisterOnce(*this, logHandler_, logRegistration_, this);
   // Each thread holds the session while it runs (see StopSession).
   session->receiveThread->start(session);
@@ -315,6 +321,13 @@ void CNDMPConnection::StopSession() {
   // Threads still running hold the session themselves; it is kept here
   // only so that the destructor can wait for them.
   if (session && session->Running()) retired_.push_back(std::move(session));
+}
+
+void CNDMPConnection::InputEnded(const CSession* session) {
+  // A stopped session whose threads end late must not close the queue of
+  // the connection made since.
+  std::lock_guard<std::mutex> lock(inputMutex_);
+  if (session == inputSession_) serverQueue_.Close();
 }
 
 void CNDMPConnection::EndEarlyHolding() {

@@ -107,7 +107,10 @@ class CNDMPConnection : public CNDMPCallbackRegistrationTable, private CINDMPRep
   const char* SetIPAddress(const char* ipAddress);
   unsigned int SetPort(unsigned int port) const;
   const VxTcpSocket* getSocket() const { return socket_; }
-  // The serving side's queue of received packets.
+  // The serving side's queue of received packets. It is closed (IsClosed,
+  // and its waiters woken) once the connection's input has ended, the peer
+  // having closed or the connection being stopped, and every packet
+  // received before is in it; a new connection opens it again.
   CNDMPMessagePacketQueue& GetPacketQueue() { return serverQueue_; }
   CXDREnumBase<enums::CNDMPProtocolVersion> GetProtocolVersion() const;
   // Sets the version under which packets are encoded and decoded from now
@@ -176,6 +179,9 @@ class CNDMPConnection : public CNDMPCallbackRegistrationTable, private CINDMPRep
   // Stops the current session, whatever the flags say, and releases it;
   // threads that do not end within the bounds keep it alive (see Disconnect).
   void StopSession();
+  // Closes the server queue when `session` (whose dispatch thread ended) is
+  // still the current one.
+  void InputEnded(const CSession* session);
   // Logs a record that could not be written.
   void LogFailedWrite(const char* what, bool written);
   CXDREnumBase<enums::CNDMPError> SetupProtocolVersion(
@@ -219,6 +225,9 @@ class CNDMPConnection : public CNDMPCallbackRegistrationTable, private CINDMPRep
   std::shared_ptr<CSession> session_;
   CXDRStream* stream_ = nullptr;
   VxTcpSocket* socket_ = nullptr;
+  // The session whose end closes the server queue.
+  std::mutex inputMutex_;
+  const CSession* inputSession_ = nullptr;  // guarded by inputMutex_
   // Sessions whose threads were still running when they were stopped.
   std::mutex retiredMutex_;
   std::vector<std::shared_ptr<CSession>> retired_;  // guarded by retiredMutex_

@@ -51,6 +51,7 @@ int CNDMPMessageReceiveThread::run() {
     }
   }
   log_.debug("[0x%08X] Message receive thread closed", handle);
+  queue_.Close();
   return 0;
 }
 
@@ -79,7 +80,11 @@ int CNDMPMessageDispatchThread::run() {
   // Once a callback has destroyed the connection, nothing the connection
   // was given (its log included) may be touched again: the thread just ends.
   while (runnable()) {
-    while (runnable() && queue_.GetFilledSize() == 0) queue_.WaitForPacket(1000);
+    while (runnable() && queue_.GetFilledSize() == 0 && !queue_.IsClosed()) {
+      queue_.WaitForPacket(1000);
+    }
+    // Closed first, then empty: everything the reader put has been taken.
+    if (queue_.IsClosed() && queue_.GetFilledSize() == 0) break;
     if (runnable() && queue_.GetFilledSize() != 0 && !DispatchNext()) return 0;
   }
   if (!tableAlive_->load()) return 0;
@@ -89,6 +94,7 @@ int CNDMPMessageDispatchThread::run() {
     if (!DispatchNext()) return 0;
   }
   log_.debug("Dispatch Thread closed");
+  if (endHandler_) endHandler_();
   return 0;
 }
 

@@ -8,9 +8,14 @@
 //
 // CNDMPMessageDispatchThread is the only consumer of the queue: it offers
 // each packet to the callback table, in arrival order, then destroys it.
+// When the receive thread ends (the peer closed, or a stop), it closes the
+// queue; the dispatch thread then delivers what is left and ends too, and
+// calls its end handler, so that a consumer further on learns at once that
+// nothing more will come.
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <memory>
 
 #include "ndmpc/foundation/vx_log.h"
@@ -59,6 +64,9 @@ class CNDMPMessageDispatchThread : public VxThread {
                              CNDMPCallbackRegistrationTable& table, VxLog& log);
   ~CNDMPMessageDispatchThread() override;
 
+  // Called on the dispatch thread after the last packet; set before start.
+  void SetEndHandler(std::function<void()> handler) { endHandler_ = std::move(handler); }
+
  protected:
   int run() override;
 
@@ -72,6 +80,7 @@ class CNDMPMessageDispatchThread : public VxThread {
   // queued then are dropped instead of offered to it.
   const std::shared_ptr<const std::atomic<bool>> tableAlive_;
   VxLog& log_;
+  std::function<void()> endHandler_;
 };
 
 }  // namespace com::vx::korvane::ndmpc

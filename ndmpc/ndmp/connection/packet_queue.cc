@@ -38,6 +38,16 @@ bool CNDMPMessagePacketQueue::GetNextPacket(CNDMPMessagePacket*& out) {
   return true;
 }
 
+void CNDMPMessagePacketQueue::Close() {
+  {
+    // Under the lock, so that a consumer seeing the flag also sees every
+    // packet put before it.
+    VxGuard lock(mutex_);
+    closed_.store(true, std::memory_order_release);
+  }
+  event_.set();
+}
+
 unsigned int CNDMPMessagePacketQueue::WaitForPacket(unsigned int timeout) {
   return event_.wait(timeout == 0 ? VX_INFINITE : timeout);
 }

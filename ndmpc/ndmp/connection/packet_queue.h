@@ -40,12 +40,20 @@ class CNDMPMessagePacketQueue {
   unsigned int WaitForPacket(unsigned int timeout);
   // Wakes the waiters without adding anything (used when stopping).
   void Wake() { event_.set(); }
+  // Marks that nothing more will be put (the producer has ended) and wakes
+  // the waiters once. A consumer that finds the queue closed and then empty
+  // has taken everything; it must not keep waiting on a closed queue.
+  void Close();
+  // Undoes Close, for a producer that starts again.
+  void Reopen() { closed_.store(false, std::memory_order_release); }
+  bool IsClosed() const { return closed_.load(std::memory_order_acquire); }
 
  private:
   VxThreadMutex mutex_{false};
   VxThreadEvent event_{VxThreadEvent::kManualReset, false};
   std::deque<CNDMPMessagePacket*> packets_;  // guarded by mutex_
   std::atomic<std::size_t> count_{0};
+  std::atomic<bool> closed_{false};
 };
 
 class CNDMPMessagePacketCollector : public CINDMPCallback {
