@@ -1,5 +1,6 @@
 #include "ndmpc/ndmp/jobs/job.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cctype>
 #include <cstdio>
@@ -437,6 +438,7 @@ bool CNDMPJob::WaitForWake(std::chrono::milliseconds limit) {
 
 void CNDMPJob::Monitor() {
   Clock::time_point firstHalt{};
+  Clock::time_point pausedSince{};  // when the mover was first seen paused
   const auto poll = std::chrono::milliseconds(settings_.pollMilliseconds);
   for (;;) {
     WaitForWake(poll);
@@ -473,16 +475,23 @@ void CNDMPJob::Monitor() {
       lastDataBytes_ = result_.bytes;
       lastDataProgress_ = Clock::now();
     }
-    if (moverState_ == enums::CNDMPEnumMoverState::NDMP_MOVER_STATE_PAUSED) {
+    if (moverState_ != enums::CNDMPEnumMoverState::NDMP_MOVER_STATE_PAUSED) {
+      pausedSince = Clock::time_point{};
+    } else {
+      if (pausedSince == Clock::time_point{}) pausedSince = Clock::now();
       // While restoring, the mover reaches the end of the data on tape when
       // the image ends there too: the data agent then finishes from what it
-      // has. Only a data agent that stopped progressing needs another tape.
+      // has, and may not even have counted its first bytes yet. Only a data
+      // agent that made no progress for a while since the pause needs
+      // another tape.
       const bool endOfData = pauseReason_ == enums::CNDMPEnumMoverPauseReason::NDMP_MOVER_PAUSE_EOF;
-      if (!backup_ && endOfData && Clock::now() - lastDataProgress_ < kEndOfDataSettle) continue;
+      const Clock::time_point quietSince = std::max(lastDataProgress_, pausedSince);
+      if (!backup_ && endOfData && Clock::now() - quietSince < kEndOfDataSettle) continue;
       if (!ChangeTape()) {
         Finish(true);
         return;
       }
+      pausedSince = Clock::time_point{};
       continue;
     }
     if (dataHalted_ || moverHalted_) {
