@@ -225,6 +225,14 @@ void CScriptPeer::Close() {
   if (fd >= 0) ::shutdown(fd, SHUT_RDWR);
 }
 
+void CScriptPeer::Reset() {
+  const int fd = fd_.exchange(-1);
+  if (fd < 0) return;
+  linger abort{1, 0};
+  ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof(abort));
+  ::close(fd);
+}
+
 // ---------------------------------------------------------------------------
 
 CServingSide::CServingSide(VxLog& log) : log_(log) {

@@ -133,6 +133,8 @@ class CScriptPeer {
   bool Write(const std::vector<unsigned char>& bytes);
   // Ends the connection in both directions: the client reads end of data.
   void Close();
+  // Closes with SO_LINGER 0: the client sees a reset.
+  void Reset();
 
  private:
   VxTcpListener listener_;
