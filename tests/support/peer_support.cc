@@ -11,6 +11,8 @@
 #include <mutex>
 #include <utility>
 
+#include "ndmpc/ndmp/messages/connect_config_messages.h"
+
 namespace com::vx::korvane::ndmpc::testing {
 namespace {
 
@@ -123,6 +125,27 @@ std::uint32_t CPacketRecorder::Version(std::size_t i) const {
 }
 
 // ---------------------------------------------------------------------------
+
+std::vector<unsigned char> HostInfoBody(const std::string& host) {
+  return Concat({XdrU32(0), XdrString(host), XdrString("KorOS"), XdrString("7.1"),
+                 XdrString("0042")});
+}
+
+bool IsHostInfoRequest(const CRawRecord& r) {
+  return r.complete && r.header.code == enums::CNDMPMessageCode::NDMP_CONFIG_GET_HOST_INFO &&
+         r.header.type == 0;
+}
+
+std::string AskHost(CNDMPConnection& c, unsigned int timeout) {
+  CNDMPConfigGetHostInfoRequest request;
+  CNDMPMessage* reply = nullptr;
+  CXDREnumBase<enums::CNDMPError> result = c.SendMessage(request, &reply, timeout);
+  if (result != enums::CNDMPError::NDMP_NO_ERR) return result.ToString();
+  auto* host = dynamic_cast<CNDMPConfigGetHostInfoReply*>(reply);
+  std::string name = host != nullptr ? host->hostname.GetString() : "(no body)";
+  c.FreeMessage(reply);
+  return name;
+}
 
 CScriptPeer::CScriptPeer() {
   if (listener_.listen("127.0.0.1", 0) == 0) port_ = listener_.port();

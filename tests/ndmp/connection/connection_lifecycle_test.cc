@@ -20,6 +20,9 @@
 namespace com::vx::korvane::ndmpc {
 namespace {
 
+using testing::AskHost;
+using testing::HostInfoBody;
+
 using enums::CNDMPError;
 using enums::CNDMPMessageCode;
 using testing::AnswerOpen;
@@ -111,23 +114,6 @@ INSTANTIATE_TEST_SUITE_P(Modes, ConnectionRefused, ::testing::Bool(),
                          });
 
 // ---- Lifecycle under stress: reconnects, callbacks, hostile timing ----
-
-std::vector<unsigned char> HostInfoBody(const std::string& host) {
-  return testing::Concat(
-      {XdrU32(0), XdrString(host), XdrString("os"), XdrString("1"), XdrString("id")});
-}
-
-// Sends NDMP_CONFIG_GET_HOST_INFO; the host named in the reply, or the error.
-std::string AskHost(CNDMPConnection& c) {
-  CNDMPConfigGetHostInfoRequest request;
-  CNDMPMessage* reply = nullptr;
-  CXDREnumBase<CNDMPError> result = c.SendMessage(request, &reply, 10);
-  if (result != CNDMPError::NDMP_NO_ERR) return Err(result);
-  auto* host = dynamic_cast<CNDMPConfigGetHostInfoReply*>(reply);
-  std::string name = host != nullptr ? host->hostname.GetString() : "(no body)";
-  c.FreeMessage(reply);
-  return name;
-}
 
 // A peer that answers the open (or the alternate handshake), then every
 // host-information request with "filer".

@@ -29,6 +29,8 @@ using testing::CPacketRecorder;
 using testing::CRawRecord;
 using testing::CScriptPeer;
 using testing::FragmentHeader;
+using testing::HostInfoBody;
+using testing::IsHostInfoRequest;
 using testing::PostRecord;
 using testing::ReplyRecord;
 using testing::XdrString;
@@ -42,12 +44,6 @@ double SecondsSince(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-// The body of an NDMP_CONFIG_GET_HOST_INFO reply naming `host`.
-std::vector<unsigned char> HostInfoBody(const std::string& host) {
-  return Concat({XdrU32(0), XdrString(host), XdrString("KorOS"), XdrString("7.1"),
-                 XdrString("0042")});
-}
-
 // A log post (version 4 layout) carrying `entry`.
 std::vector<unsigned char> LogPostBody(const std::string& entry) {
   return Concat({XdrU32(0), XdrU32(1), XdrString(entry), XdrU32(0), XdrU32(0)});
@@ -56,11 +52,6 @@ std::vector<unsigned char> LogPostBody(const std::string& entry) {
 // A fragment that promises 100 bytes and carries 10.
 std::vector<unsigned char> HalfFragment() {
   return Concat({FragmentHeader(100, true), std::vector<unsigned char>(10, 7)});
-}
-
-bool IsHostInfoRequest(const CRawRecord& r) {
-  return r.complete && r.header.code == CNDMPMessageCode::NDMP_CONFIG_GET_HOST_INFO &&
-         r.header.type == 0;
 }
 
 bool LineWithSeverity(const CCapturingLog& log, const std::string& text,
@@ -82,21 +73,7 @@ class RawPeer : public ::testing::Test {
     ASSERT_EQ(Err(client.Connect()), "NDMP_NO_ERR");
   }
 
-  // Sends NDMP_CONFIG_GET_HOST_INFO; the host named in the reply, or the
-  // error's name.
-  std::string AskHost(unsigned int timeout = 10) {
-    CNDMPConfigGetHostInfoRequest request;
-    CNDMPMessage* reply = nullptr;
-    CXDREnumBase<CNDMPError> result = client.SendMessage(request, &reply, timeout);
-    if (result != CNDMPError::NDMP_NO_ERR) {
-      EXPECT_EQ(reply, nullptr);
-      return Err(result);
-    }
-    auto* host = dynamic_cast<CNDMPConfigGetHostInfoReply*>(reply);
-    std::string name = host != nullptr ? host->hostname.GetString() : "(no body)";
-    client.FreeMessage(reply);
-    return name;
-  }
+  std::string AskHost(unsigned int timeout = 10) { return testing::AskHost(client, timeout); }
 
   void ExpectPromptDisconnect() {
     Clock::time_point start = Clock::now();
