@@ -11,6 +11,8 @@
 #include <mutex>
 #include <utility>
 
+#include "ndmpc/ndmp/messages/connect_config_messages.h"
+
 namespace com::vx::korvane::ndmpc::testing {
 namespace {
 
@@ -124,6 +126,27 @@ std::uint32_t CPacketRecorder::Version(std::size_t i) const {
 
 // ---------------------------------------------------------------------------
 
+std::vector<unsigned char> HostInfoBody(const std::string& host) {
+  return Concat({XdrU32(0), XdrString(host), XdrString("KorOS"), XdrString("7.1"),
+                 XdrString("0042")});
+}
+
+bool IsHostInfoRequest(const CRawRecord& r) {
+  return r.complete && r.header.code == enums::CNDMPMessageCode::NDMP_CONFIG_GET_HOST_INFO &&
+         r.header.type == 0;
+}
+
+std::string AskHost(CNDMPConnection& c, unsigned int timeout) {
+  CNDMPConfigGetHostInfoRequest request;
+  CNDMPMessage* reply = nullptr;
+  CXDREnumBase<enums::CNDMPError> result = c.SendMessage(request, &reply, timeout);
+  if (result != enums::CNDMPError::NDMP_NO_ERR) return result.ToString();
+  auto* host = dynamic_cast<CNDMPConfigGetHostInfoReply*>(reply);
+  std::string name = host != nullptr ? host->hostname.GetString() : "(no body)";
+  c.FreeMessage(reply);
+  return name;
+}
+
 CScriptPeer::CScriptPeer() {
   if (listener_.listen("127.0.0.1", 0) == 0) port_ = listener_.port();
 }
@@ -223,6 +246,14 @@ bool CScriptPeer::Write(const std::vector<unsigned char>& bytes) {
 void CScriptPeer::Close() {
   const int fd = fd_.load();
   if (fd >= 0) ::shutdown(fd, SHUT_RDWR);
+}
+
+void CScriptPeer::Reset() {
+  const int fd = fd_.exchange(-1);
+  if (fd < 0) return;
+  linger abort{1, 0};
+  ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof(abort));
+  ::close(fd);
 }
 
 // ---------------------------------------------------------------------------

@@ -70,6 +70,12 @@ std::vector<unsigned char> ReplyRecord(const CRawHeader& request,
 std::vector<unsigned char> PostRecord(std::uint32_t code, const std::vector<unsigned char>& body,
                                       std::uint32_t sequence = 500);
 
+// The body of an NDMP_CONFIG_GET_HOST_INFO reply naming `host`.
+std::vector<unsigned char> HostInfoBody(const std::string& host = "filer-7");
+// Sends NDMP_CONFIG_GET_HOST_INFO on `c`; the host named in the reply, or
+// the error's name.
+std::string AskHost(CNDMPConnection& c, unsigned int timeout = 10);
+
 // "[0x%08X]" with the low 32 bits of `object`'s address: how a connection
 // marks its log lines.
 std::string HandleTag(const void* object);
@@ -100,6 +106,9 @@ class CPacketRecorder : public CINDMPCallback {
 };
 
 class CScriptPeer;
+struct CRawRecord;
+// True for a complete NDMP_CONFIG_GET_HOST_INFO request.
+bool IsHostInfoRequest(const CRawRecord& r);
 // Reads the client's NDMP_CONNECT_OPEN and answers it with `error` in the
 // reply body. The offered version, or 0 when no complete request came.
 std::uint32_t AnswerOpen(CScriptPeer& peer, std::uint32_t error = 0);
@@ -133,6 +142,8 @@ class CScriptPeer {
   bool Write(const std::vector<unsigned char>& bytes);
   // Ends the connection in both directions: the client reads end of data.
   void Close();
+  // Closes with SO_LINGER 0: the client sees a reset.
+  void Reset();
 
  private:
   VxTcpListener listener_;

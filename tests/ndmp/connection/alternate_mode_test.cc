@@ -23,6 +23,9 @@
 namespace com::vx::korvane::ndmpc {
 namespace {
 
+using testing::HostInfoBody;
+using testing::IsHostInfoRequest;
+
 using enums::CNDMPError;
 using enums::CNDMPMessageCode;
 using testing::AnswerOpen;
@@ -97,15 +100,6 @@ std::vector<unsigned char> HandshakeAnswer(std::vector<unsigned char> body) {
   return Concat({answer, body});
 }
 
-std::vector<unsigned char> HostInfoBody() {
-  return Concat({XdrU32(0), XdrString("filer-7"), XdrString("KorOS"), XdrString("7.1"),
-                 XdrString("0042")});
-}
-
-bool IsHostInfoRequest(const CRawRecord& r) {
-  return r.complete && r.header.code == CNDMPMessageCode::NDMP_CONFIG_GET_HOST_INFO;
-}
-
 // What the peer read of the alternate login.
 struct CLoginSeen {
   std::string handshake;
@@ -116,17 +110,7 @@ struct CLoginSeen {
 
 class AlternateMode : public ::testing::Test {
  protected:
-  // Sends NDMP_CONFIG_GET_HOST_INFO; the host named in the reply, or the error.
-  std::string AskHost() {
-    CNDMPConfigGetHostInfoRequest request;
-    CNDMPMessage* reply = nullptr;
-    CXDREnumBase<CNDMPError> result = client.SendMessage(request, &reply, 10);
-    if (result != CNDMPError::NDMP_NO_ERR) return Err(result);
-    auto* host = dynamic_cast<CNDMPConfigGetHostInfoReply*>(reply);
-    std::string name = host != nullptr ? host->hostname.GetString() : "(no body)";
-    client.FreeMessage(reply);
-    return name;
-  }
+  std::string AskHost() { return testing::AskHost(client); }
 
   CCapturingLog log;
   CScriptPeer peer;

@@ -20,6 +20,9 @@
 namespace com::vx::korvane::ndmpc {
 namespace {
 
+using testing::AskHost;
+using testing::HostInfoBody;
+
 using enums::CNDMPError;
 using enums::CNDMPMessageCode;
 using testing::AnswerOpen;
@@ -112,23 +115,6 @@ INSTANTIATE_TEST_SUITE_P(Modes, ConnectionRefused, ::testing::Bool(),
 
 // ---- Lifecycle under stress: reconnects, callbacks, hostile timing ----
 
-std::vector<unsigned char> HostInfoBody(const std::string& host) {
-  return testing::Concat(
-      {XdrU32(0), XdrString(host), XdrString("os"), XdrString("1"), XdrString("id")});
-}
-
-// Sends NDMP_CONFIG_GET_HOST_INFO; the host named in the reply, or the error.
-std::string AskHost(CNDMPConnection& c) {
-  CNDMPConfigGetHostInfoRequest request;
-  CNDMPMessage* reply = nullptr;
-  CXDREnumBase<CNDMPError> result = c.SendMessage(request, &reply, 10);
-  if (result != CNDMPError::NDMP_NO_ERR) return Err(result);
-  auto* host = dynamic_cast<CNDMPConfigGetHostInfoReply*>(reply);
-  std::string name = host != nullptr ? host->hostname.GetString() : "(no body)";
-  c.FreeMessage(reply);
-  return name;
-}
-
 // A peer that answers the open (or the alternate handshake), then every
 // host-information request with "filer".
 void AnswerAll(CScriptPeer& p, bool alternate) {
@@ -211,7 +197,10 @@ class LifecycleFromCallbacks : public ::testing::TestWithParam<Drive> {};
 
 TEST_P(LifecycleFromCallbacks, NeverWaitsForItself) {
   const Drive drive = GetParam();
-  CCapturingLog log;
+  // Static: a connection ended from its own callback is torn down on its own
+  // thread, which may still log after the test body returns.
+  static CCapturingLog log;
+  log.Clear();
   CScriptPeer first, second;
   first.Run([](CScriptPeer& p) {
     // The post comes once the connection is up and has asked something.
@@ -250,12 +239,16 @@ TEST_P(LifecycleFromCallbacks, NeverWaitsForItself) {
     gate.set_value();
   }
   ASSERT_TRUE(CActionCallback::Wait(callback.done_));
-  if (drive == Drive::kDestroyInCallback) return;
-  EXPECT_EQ(c->IsConnected(), drive == Drive::kConnectInCallback);
-  if (drive == Drive::kConnectInCallback) {
-    EXPECT_EQ(AskHost(*c), "filer");
+  if (drive != Drive::kDestroyInCallback) {
+    EXPECT_EQ(c->IsConnected(), drive == Drive::kConnectInCallback);
+    if (drive == Drive::kConnectInCallback) {
+      EXPECT_EQ(AskHost(*c), "filer");
+    }
+    delete c;
   }
-  delete c;
+  // The threads of the ended connection do close.
+  EXPECT_TRUE(log.WaitFor("Message receive thread closed"));
+  EXPECT_TRUE(log.WaitFor("Dispatch Thread closed"));
 }
 
 INSTANTIATE_TEST_SUITE_P(Drives, LifecycleFromCallbacks,
