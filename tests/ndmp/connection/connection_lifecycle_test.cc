@@ -197,10 +197,7 @@ class LifecycleFromCallbacks : public ::testing::TestWithParam<Drive> {};
 
 TEST_P(LifecycleFromCallbacks, NeverWaitsForItself) {
   const Drive drive = GetParam();
-  // Static: a connection ended from its own callback is torn down on its own
-  // thread, which may still log after the test body returns.
-  static CCapturingLog log;
-  log.Clear();
+  CCapturingLog log;
   CScriptPeer first, second;
   first.Run([](CScriptPeer& p) {
     // The post comes once the connection is up and has asked something.
@@ -246,7 +243,8 @@ TEST_P(LifecycleFromCallbacks, NeverWaitsForItself) {
     }
     delete c;
   }
-  // The threads of the ended connection do close.
+  // A thread that ended its own connection writes its last lines after the
+  // callback returned: `log` must outlive them.
   EXPECT_TRUE(log.WaitFor("Message receive thread closed"));
   EXPECT_TRUE(log.WaitFor("Dispatch Thread closed"));
 }
