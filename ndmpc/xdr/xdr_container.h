@@ -19,15 +19,25 @@
 // DumpContents registers the members under the record's protocol version
 // (4 unless set). A copy never shares the source's registration; it
 // registers its own members when first used.
+//
+// What a registration yields depends only on the record's class and
+// version (and, for unions, on the arm the discriminant selects), so it is
+// recorded once as a layout of member offsets and shared by every record of
+// that class: a record itself holds only its fields, and a record inside a
+// long array costs no allocation of its own. A record whose registration
+// cannot be shared (a member registered from outside RegisterMembers, a name
+// that is not a literal, a member outside the record) keeps a list of its
+// own instead.
 #pragma once
 
-#include <algorithm>
+#include <cstddef>
 #include <cstdint>
-#include <deque>
+#include <iterator>
 #include <memory>
+#include <new>
+#include <stdexcept>
 #include <type_traits>
 #include <utility>
-#include <vector>
 
 #include "ndmpc/ndmp/enums/protocol_ids.h"
 #include "ndmpc/xdr/xdr_enum.h"
@@ -45,17 +55,23 @@ class CXDRContainer : public CIXDR {
     CIXDR* member;
     MemberType memberType;
   };
+  struct Layout;
 
   CXDRContainer() : CIXDR(MEMBER_CONTAINER) {}
   // Copies the protocol version; the copy registers its own members.
-  CXDRContainer(const CXDRContainer& other) : CIXDR(other), version_(other.version_) {}
-  // Moves keep records cheap to relocate inside growing arrays.
-  CXDRContainer(CXDRContainer&& other) noexcept : CIXDR(other), version_(other.version_) {}
+  CXDRContainer(const CXDRContainer& other) : CIXDR(other), version_(other.version_) {
+    stateBits_ = other.stateBits_ & kKeyed;
+  }
+  CXDRContainer(CXDRContainer&& other) noexcept : CIXDR(other), version_(other.version_) {
+    stateBits_ = other.stateBits_ & kKeyed;
+  }
   CXDRContainer& operator=(const CXDRContainer& other);
   CXDRContainer& operator=(CXDRContainer&& other) noexcept {
     return operator=(static_cast<const CXDRContainer&>(other));
   }
-  ~CXDRContainer() override = default;
+  ~CXDRContainer() override {
+    if (stateBits_ & kOwnList) DropOwnList();
+  }
 
   int Serialize(CXDRStream& stream) override;
   int DeSerialize(CXDRStream& stream) override;
@@ -67,14 +83,17 @@ class CXDRContainer : public CIXDR {
   // writable buffer and a VxString are copied into the record.
   template <std::size_t N>
   int RegisterMember(const char (&name)[N], CIXDR* member) {
-    return AddMember(name, member);
+    return AddMember(name, member, false);
   }
   template <std::size_t N>
   int RegisterMember(char (&name)[N], CIXDR* member) {
-    return RegisterMember(VxString(name, std::find(name, name + N, '\0')), member);
+    std::size_t length = 0;
+    while (length < N && name[length] != '\0') ++length;
+    return RegisterMember(VxString(name, length), member);
   }
   int RegisterMember(const VxString& name, CIXDR* member);
-  void ClearRegistration() { members_.clear(); }
+  // Empties the registration; the next use registers the members anew.
+  void ClearRegistration();
 
   CXDREnumBase<enums::CNDMPProtocolVersion> GetProtocolVersion() const {
     return CXDREnumBase<enums::CNDMPProtocolVersion>(version_);
@@ -87,93 +106,155 @@ class CXDRContainer : public CIXDR {
 
   // The registered members, registering them first if needed.
   std::size_t GetMemberCount();
-  const MemberItem& GetMember(std::size_t index);
+  MemberItem GetMember(std::size_t index);
 
  protected:
   // Registers each field, in wire order, with RegisterMember; returns 0.
   virtual int RegisterMembers() = 0;
-  // Registers the members when nothing is registered yet.
-  void EnsureRegistered() {
-    if (members_.empty()) RegisterMembers();
-  }
+  // Which registration the record's current values select, for records
+  // whose registration depends on more than the class and the version (a
+  // union's arm). Records with the same class, version and key share one
+  // layout. Called only after MarkKeyed().
+  virtual std::uint32_t LayoutKey() { return 0; }
+  void MarkKeyed() { stateBits_ |= kKeyed; }
   std::uint32_t Version() const { return version_; }
+  bool HasOwnList() const { return (stateBits_ & kOwnList) != 0; }
   // Registers a member under a name with static storage (a literal held in
   // a table, say); the name is not copied.
-  int RegisterStaticMember(const char* name, CIXDR* member) { return AddMember(name, member); }
+  int RegisterStaticMember(const char* name, CIXDR* member) {
+    return AddMember(name, member, false);
+  }
 
  private:
-  // A list of registered members that keeps the first few inline, so that
-  // the small records of long arrays (file-history entries, 64-bit numbers)
-  // register without touching the heap.
-  class CMemberList {
-   public:
-    static constexpr std::size_t kInline = 4;
-    CMemberList() = default;
-    CMemberList(const CMemberList&) = delete;
-    CMemberList& operator=(const CMemberList&) = delete;
-    bool empty() const { return size_ == 0; }
-    std::size_t size() const { return size_; }
-    void clear() {
-      size_ = 0;
-      overflow_.reset();
-      names_.reset();
-    }
-    void push_back(const MemberItem& item);
-    // Keeps a copy of `name` until the next clear; the copy's address is stable.
-    const char* KeepName(const VxString& name);
-    const MemberItem& operator[](std::size_t i) const {
-      return i < kInline ? inline_[i] : overflow_->at(i - kInline);
-    }
+  // stateBits_: the record keeps its own list; the record's registration
+  // has been made (its first use, or a version change); LayoutKey matters.
+  static constexpr std::uint8_t kOwnList = 1;
+  static constexpr std::uint8_t kRegistered = 2;
+  static constexpr std::uint8_t kKeyed = 4;
 
-   private:
-    MemberItem inline_[kInline];
-    std::uint32_t size_ = 0;
-    std::unique_ptr<std::vector<MemberItem>> overflow_;
-    // Copies of the names that are not literals; a deque never moves its
-    // elements, and records named by literals alone never allocate it.
-    std::unique_ptr<std::deque<VxString>> names_;
-  };
+  // The registration in effect, making it first if needed.
+  const Layout& CurrentLayout();
+  const Layout& SharedLayout();
+  int AddMember(const char* name, CIXDR* member, bool copyName);
+  void DropOwnList();
 
-  int AddMember(const char* name, CIXDR* member);
-
-  CMemberList members_;
   std::uint32_t version_ = 4;
 };
 
+namespace detail {
+// Storage of the elements of a CXDRArray: element 0 sits next to the
+// bookkeeping, and elements 2^(k-1) to 2^k - 1 in block k, so that blocks
+// never move once made and a one-element array costs one allocation.
+struct ArrayBlocks {
+  static constexpr int kMaxBlocks = 33;
+  std::uint32_t size = 0;
+  std::uint32_t blocks = 1;  // blocks allocated, block 0 included
+  void** table = nullptr;    // blocks 1 and up, once there are any
+
+  // The block of element i: the number of significant bits of i.
+  static int BlockOf(std::uint32_t i) { return i == 0 ? 0 : 32 - __builtin_clz(i); }
+  static std::uint32_t FirstIn(int k) { return k == 0 ? 0 : (1u << (k - 1)); }
+  static std::uint32_t Capacity(int k) { return k == 0 ? 1 : (1u << (k - 1)); }
+};
+}  // namespace detail
+
 // A counted XDR array of T, or, after SetFixedSize(n), exactly n elements
-// without a count word.
+// without a count word. Elements never move once added: the array grows in
+// blocks, each twice the size of the one before.
 template <class T>
 class CXDRArray : public CIXDR {
+  using Blocks = detail::ArrayBlocks;
+
  public:
+  template <class Item>
+  class Iterator {
+   public:
+    using iterator_category = std::random_access_iterator_tag;
+    using value_type = std::remove_const_t<Item>;
+    using difference_type = std::ptrdiff_t;
+    using pointer = Item*;
+    using reference = Item&;
+    Iterator() = default;
+    Iterator(const CXDRArray* array, std::uint32_t index) : array_(array), index_(index) {}
+    reference operator*() const { return const_cast<CXDRArray*>(array_)->At(index_); }
+    pointer operator->() const { return &**this; }
+    reference operator[](difference_type n) const { return *(*this + n); }
+    Iterator& operator++() { return ++index_, *this; }
+    Iterator operator++(int) { return Iterator(array_, index_++); }
+    Iterator& operator--() { return --index_, *this; }
+    Iterator operator--(int) { return Iterator(array_, index_--); }
+    Iterator& operator+=(difference_type n) {
+      index_ = static_cast<std::uint32_t>(index_ + n);
+      return *this;
+    }
+    Iterator& operator-=(difference_type n) { return *this += -n; }
+    Iterator operator+(difference_type n) const { return Iterator(*this) += n; }
+    Iterator operator-(difference_type n) const { return Iterator(*this) -= n; }
+    difference_type operator-(const Iterator& other) const {
+      return static_cast<difference_type>(index_) - static_cast<difference_type>(other.index_);
+    }
+    bool operator==(const Iterator& other) const { return index_ == other.index_; }
+    bool operator!=(const Iterator& other) const { return index_ != other.index_; }
+    bool operator<(const Iterator& other) const { return index_ < other.index_; }
+    bool operator>(const Iterator& other) const { return index_ > other.index_; }
+    bool operator<=(const Iterator& other) const { return index_ <= other.index_; }
+    bool operator>=(const Iterator& other) const { return index_ >= other.index_; }
+
+   private:
+    const CXDRArray* array_ = nullptr;
+    std::uint32_t index_ = 0;
+  };
+  using iterator = Iterator<T>;
+  using const_iterator = Iterator<const T>;
+
   CXDRArray() : CIXDR(MEMBER_ARRAY) {}
-  CXDRArray(const CXDRArray&) = default;
-  CXDRArray(CXDRArray&&) = default;
-  CXDRArray& operator=(const CXDRArray&) = default;
-  CXDRArray& operator=(CXDRArray&&) = default;
-  ~CXDRArray() override = default;
+  CXDRArray(const CXDRArray& other) : CIXDR(other), fixedCount_(other.fixedCount_) {
+    CopyElements(other);
+  }
+  CXDRArray(CXDRArray&& other) noexcept
+      : CIXDR(other), fixedCount_(other.fixedCount_), store_(other.store_) {
+    other.store_ = nullptr;
+  }
+  CXDRArray& operator=(const CXDRArray& other) {
+    if (this != &other) {
+      CXDRArray copy(other);
+      Swap(copy);
+    }
+    return *this;
+  }
+  CXDRArray& operator=(CXDRArray&& other) noexcept {
+    if (this != &other) {
+      Release();
+      CIXDR::operator=(other);
+      fixedCount_ = other.fixedCount_;
+      store_ = other.store_;
+      other.store_ = nullptr;
+    }
+    return *this;
+  }
+  ~CXDRArray() override { Release(); }
 
   int Serialize(CXDRStream& stream) override {
-    if (fixed_) {
-      for (std::uint32_t i = 0; i < fixedCount_ && i < items_.size(); ++i) {
-        items_[i].Serialize(stream);
-      }
+    const std::uint32_t n = Count();
+    if (fixedCount_ != 0) {
+      for (std::uint32_t i = 0; i < fixedCount_ && i < n; ++i) At(i).Serialize(stream);
       return 0;
     }
-    detail::PutWord(stream, static_cast<std::uint32_t>(items_.size()));
-    for (T& item : items_) item.Serialize(stream);
+    detail::PutWord(stream, n);
+    for (std::uint32_t i = 0; i < n; ++i) At(i).Serialize(stream);
     return 0;
   }
 
   int DeSerialize(CXDRStream& stream) override {
-    items_.clear();
+    Clear();
     std::uint32_t n = fixedCount_;
-    if (!fixed_ && detail::GetWord(stream, &n) == XDR_FAILURE) return XDR_FAILURE;
+    if (fixedCount_ == 0 && detail::GetWord(stream, &n) == XDR_FAILURE) return XDR_FAILURE;
     // The storage grows as elements arrive; a count from the wire is never
     // used to allocate ahead.
     for (std::uint32_t i = 0; i < n; ++i) {
-      items_.emplace_back();
-      if (items_.back().DeSerialize(stream) == XDR_FAILURE) {
-        items_.pop_back();
+      T& item = AppendNew();
+      if (item.DeSerialize(stream) == XDR_FAILURE) {
+        PopBack();
         return XDR_FAILURE;
       }
     }
@@ -184,15 +265,15 @@ class CXDRArray : public CIXDR {
   // none) plus the elements.
   unsigned int SerializeSize() override {
     unsigned int total = 4;
-    for (T& item : items_) total += item.SerializeSize();
+    for (std::uint32_t i = 0, n = Count(); i < n; ++i) total += At(i).SerializeSize();
     return total;
   }
 
   VxString DumpContents(int level) override {
     VxString text;
     const VxString indent(static_cast<std::size_t>(4 * (level > 0 ? level : 0)), ' ');
-    for (std::size_t i = 0; i < items_.size(); ++i) {
-      T& item = items_[i];
+    for (std::uint32_t i = 0, n = Count(); i < n; ++i) {
+      T& item = At(i);
       MemberType kind = item.GetMemberType();
       if (kind == MEMBER_ARRAY || kind == MEMBER_CONTAINER) {
         text += "\n" + indent + "Item " + std::to_string(static_cast<int>(i)) + "\n" + indent +
@@ -204,41 +285,101 @@ class CXDRArray : public CIXDR {
     return text;
   }
 
-  std::uint64_t size() const { return items_.size(); }
+  std::uint64_t size() const { return Count(); }
   bool SetFixedSize(int n) {
-    if (n < 1) {
-      fixed_ = false;
-      fixedCount_ = 0;
-      return false;
-    }
-    fixed_ = true;
-    fixedCount_ = static_cast<std::uint32_t>(n);
-    return true;
+    fixedCount_ = n < 1 ? 0 : static_cast<std::uint32_t>(n);
+    return n >= 1;
   }
-  int GetFixedSize() const { return fixed_ ? static_cast<int>(fixedCount_) : 0; }
+  int GetFixedSize() const { return static_cast<int>(fixedCount_); }
   int AddItem(T item) {
-    items_.push_back(std::move(item));
+    new (Grow()) T(std::move(item));
+    ++store_->size;
     return 0;
   }
-  void Clear() { items_.clear(); }
-  void Reserve(std::size_t n) { items_.reserve(n); }
-  T& operator[](unsigned int i) { return items_.at(i); }
-  const T& operator[](unsigned int i) const { return items_.at(i); }
-  T& operator()(unsigned int i) { return items_.at(i); }
+  void Clear() {
+    while (Count() != 0) PopBack();
+  }
+  // Makes room for `n` elements ahead of time.
+  void Reserve(std::size_t n) {
+    if (n == 0) return;
+    if (store_ == nullptr) store_ = NewStore();
+    const int last = Blocks::BlockOf(static_cast<std::uint32_t>(n - 1));
+    for (int k = static_cast<int>(store_->blocks); k <= last; ++k) AddBlock();
+  }
+  T& operator[](unsigned int i) { return Checked(i); }
+  const T& operator[](unsigned int i) const { return const_cast<CXDRArray*>(this)->Checked(i); }
+  T& operator()(unsigned int i) { return Checked(i); }
 
   // Makes a fresh default element, so generic code (the command-line tool,
   // JSON output) can fill arrays without knowing T.
   T& AppendNew() {
-    items_.emplace_back();
-    return items_.back();
+    T* item = new (Grow()) T();
+    ++store_->size;
+    return *item;
   }
-  typename std::vector<T>::iterator begin() { return items_.begin(); }
-  typename std::vector<T>::iterator end() { return items_.end(); }
+  iterator begin() { return iterator(this, 0); }
+  iterator end() { return iterator(this, Count()); }
+  const_iterator begin() const { return const_iterator(this, 0); }
+  const_iterator end() const { return const_iterator(this, Count()); }
 
  private:
-  std::vector<T> items_;
-  bool fixed_ = false;
-  std::uint32_t fixedCount_ = 0;
+  // Block 0 (one element) lives in the same allocation as the bookkeeping.
+  struct Store : Blocks {
+    alignas(T) unsigned char first[sizeof(T)];
+  };
+
+  std::uint32_t Count() const { return store_ == nullptr ? 0 : store_->size; }
+  T* Slot(std::uint32_t i) const {
+    if (i == 0) return reinterpret_cast<T*>(store_->first);
+    const int k = Blocks::BlockOf(i);
+    return static_cast<T*>(store_->table[k]) + (i - Blocks::FirstIn(k));
+  }
+  T& At(std::uint32_t i) const { return *std::launder(Slot(i)); }
+  T& Checked(unsigned int i) {
+    if (i >= Count()) throw std::out_of_range("CXDRArray index out of range");
+    return At(i);
+  }
+  static Store* NewStore() { return new Store; }
+  void AddBlock() {
+    if (store_->table == nullptr) {
+      store_->table = new void*[Blocks::kMaxBlocks]();
+    }
+    const int k = static_cast<int>(store_->blocks);
+    store_->table[k] = ::operator new(sizeof(T) * Blocks::Capacity(k));
+    ++store_->blocks;
+  }
+  // The slot for the next element, adding a block when the last one is full.
+  void* Grow() {
+    if (store_ == nullptr) store_ = NewStore();
+    const std::uint32_t i = store_->size;
+    if (i == 0xFFFFFFFFu) throw std::length_error("CXDRArray is full");
+    if (Blocks::BlockOf(i) >= static_cast<int>(store_->blocks)) AddBlock();
+    return Slot(i);
+  }
+  void PopBack() {
+    At(store_->size - 1).~T();
+    --store_->size;
+  }
+  void CopyElements(const CXDRArray& other) {
+    for (std::uint32_t i = 0, n = other.Count(); i < n; ++i) AddItem(other.At(i));
+  }
+  void Release() {
+    if (store_ == nullptr) return;
+    Clear();
+    for (std::uint32_t k = 1; k < store_->blocks; ++k) {
+      ::operator delete(store_->table[k]);
+    }
+    delete[] store_->table;
+    delete store_;
+    store_ = nullptr;
+  }
+  void Swap(CXDRArray& other) noexcept {
+    std::swap(fixedCount_, other.fixedCount_);
+    std::swap(store_, other.store_);
+  }
+
+  std::uint32_t fixedCount_ = 0;  // 0: a counted array
+  Store* store_ = nullptr;
 };
 
 // A 64-bit unsigned number: "High" (bits 32-63) then "Low" (bits 0-31).
@@ -265,6 +406,22 @@ class CNDMPUQuad : public CXDRContainer {
   bool operator==(std::uint64_t value) const { return getUint64() == value; }
   bool operator!=(const CNDMPUQuad& other) const { return getUint64() != other.getUint64(); }
   bool operator!=(std::uint64_t value) const { return getUint64() != value; }
+
+  // The two words directly: a quad is the commonest record of all.
+  int Serialize(CXDRStream& stream) override {
+    if (HasOwnList()) return CXDRContainer::Serialize(stream);
+    High.Serialize(stream);
+    Low.Serialize(stream);
+    return 0;
+  }
+  int DeSerialize(CXDRStream& stream) override {
+    if (HasOwnList()) return CXDRContainer::DeSerialize(stream);
+    if (High.DeSerialize(stream) == XDR_FAILURE) return XDR_FAILURE;
+    return Low.DeSerialize(stream) == XDR_FAILURE ? XDR_FAILURE : 0;
+  }
+  unsigned int SerializeSize() override {
+    return HasOwnList() ? CXDRContainer::SerializeSize() : 8u;
+  }
 
  protected:
   int RegisterMembers() override {

@@ -9,24 +9,6 @@
 namespace com::vx::korvane::ndmpc {
 namespace detail {
 
-int PutWord(CXDRStream& stream, std::uint32_t value) {
-  unsigned char bytes[4] = {static_cast<unsigned char>(value >> 24),
-                            static_cast<unsigned char>(value >> 16),
-                            static_cast<unsigned char>(value >> 8),
-                            static_cast<unsigned char>(value)};
-  return stream.putBytes(4, bytes);
-}
-
-int GetWord(CXDRStream& stream, std::uint32_t* value) {
-  unsigned char bytes[4];
-  int r = stream.getBytes(4, bytes);
-  if (r == XDR_FAILURE) return r;
-  *value = (static_cast<std::uint32_t>(bytes[0]) << 24) |
-           (static_cast<std::uint32_t>(bytes[1]) << 16) |
-           (static_cast<std::uint32_t>(bytes[2]) << 8) | bytes[3];
-  return r;
-}
-
 VxString Format(const char* format, ...) {
   char small[256];
   va_list args;

@@ -42,15 +42,24 @@ class CIXDR : public CISerializable {
 
   virtual unsigned int SerializeSize() = 0;
   virtual VxString DumpContents(int level) = 0;
-  MemberType GetMemberType() const { return memberType_; }
+  MemberType GetMemberType() const { return static_cast<MemberType>(memberType_); }
 
  protected:
-  explicit CIXDR(MemberType type) : memberType_(type) {}
-  CIXDR(const CIXDR&) = default;
-  CIXDR& operator=(const CIXDR&) = default;
+  explicit CIXDR(MemberType type) : memberType_(static_cast<std::uint8_t>(type)) {}
+  // Copies the kind only; the state bits belong to each object.
+  CIXDR(const CIXDR& other) noexcept : memberType_(other.memberType_) {}
+  CIXDR& operator=(const CIXDR& other) noexcept {
+    memberType_ = other.memberType_;
+    return *this;
+  }
+
+  // Bits for the derived classes' own bookkeeping. They sit in the bytes
+  // after the kind, which would otherwise be padding, so that values stay
+  // as small as a vtable pointer and one word.
+  std::uint8_t stateBits_ = 0;
 
  private:
-  MemberType memberType_;
+  std::uint8_t memberType_;
 };
 
 class CXDRULong : public CIXDR {
@@ -205,9 +214,23 @@ class CXDROpaque : public CIXDR {
 
 namespace detail {
 // Writes a 4-byte big-endian word; the stream's result.
-int PutWord(CXDRStream& stream, std::uint32_t value);
+inline int PutWord(CXDRStream& stream, std::uint32_t value) {
+  unsigned char bytes[4] = {static_cast<unsigned char>(value >> 24),
+                            static_cast<unsigned char>(value >> 16),
+                            static_cast<unsigned char>(value >> 8),
+                            static_cast<unsigned char>(value)};
+  return stream.putBytes(4, bytes);
+}
 // Reads a 4-byte big-endian word; the stream's result.
-int GetWord(CXDRStream& stream, std::uint32_t* value);
+inline int GetWord(CXDRStream& stream, std::uint32_t* value) {
+  unsigned char bytes[4];
+  int r = stream.getBytes(4, bytes);
+  if (r == XDR_FAILURE) return r;
+  *value = (static_cast<std::uint32_t>(bytes[0]) << 24) |
+           (static_cast<std::uint32_t>(bytes[1]) << 16) |
+           (static_cast<std::uint32_t>(bytes[2]) << 8) | bytes[3];
+  return r;
+}
 // Formats like printf into a VxString.
 VxString Format(const char* format, ...) NDMPC_PRINTF_FORMAT(1, 2);
 }  // namespace detail

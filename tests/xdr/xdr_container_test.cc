@@ -7,7 +7,9 @@
 
 #include <cstdio>
 #include <memory>
+#include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "ndmpc/ndmp/enums/protocol_ids.h"
 #include "ndmpc/xdr/xdr_enum.h"
@@ -33,11 +35,9 @@ class CInner : public CXDRContainer {
   CXDRULong X;
   CXDRString S;
   CXDRULong V3Only;
-  int registrations = 0;
 
  protected:
   int RegisterMembers() override {
-    ++registrations;
     RegisterMember("X", &X);
     RegisterMember("S", &S);
     if (Version() == CNDMPProtocolVersion::PROTOCOL_VERSION_3) RegisterMember("V3Only", &V3Only);
@@ -53,11 +53,9 @@ class COuter : public CXDRContainer {
   CXDRArray<CInner> D;
   CXDREnumBase<enums::CNDMPError> E;
   CXDRBool F;
-  int registrations = 0;
 
  protected:
   int RegisterMembers() override {
-    ++registrations;
     RegisterMember("A", &A);
     RegisterMember("B", &B);
     RegisterMember("C", &C);
@@ -212,14 +210,16 @@ TEST(XdrContainer, NestedRecordsSerialiseInRegistrationOrderAndDumpIndented) {
 TEST(XdrContainer, SetProtocolVersionReregistersNestedRecordsButNotArrayElements) {
   COuter outer = FilledOuter();
   EXPECT_EQ(outer.SerializeSize(), 48u);
-  ASSERT_EQ(outer.registrations, 1);
+  // A member added by hand shows whether the registration was made anew.
+  ASSERT_EQ(outer.RegisterMember("Extra", &outer.A), 0);
 
   // The version already held changes nothing.
   EXPECT_EQ(outer.SetProtocolVersion(CNDMPProtocolVersion::PROTOCOL_VERSION_4).getInt32(), 4u);
-  EXPECT_EQ(outer.registrations, 1);
+  EXPECT_EQ(outer.SerializeSize(), 52u);
+  EXPECT_EQ(outer.GetMemberCount(), 7u);
 
   EXPECT_EQ(outer.SetProtocolVersion(CNDMPProtocolVersion::PROTOCOL_VERSION_3).getInt32(), 3u);
-  EXPECT_EQ(outer.registrations, 2);
+  EXPECT_EQ(outer.GetMemberCount(), 6u);
   EXPECT_EQ(outer.GetProtocolVersion().getInt32(), 3u);
   EXPECT_EQ(outer.B.GetProtocolVersion().getInt32(), 3u);
   EXPECT_EQ(outer.D[0].GetProtocolVersion().getInt32(), 4u);
@@ -228,12 +228,20 @@ TEST(XdrContainer, SetProtocolVersionReregistersNestedRecordsButNotArrayElements
   EXPECT_EQ(outer.B.GetMemberCount(), 3u);
   EXPECT_EQ(outer.D[0].GetMemberCount(), 2u);
   EXPECT_EQ(EncodeValue(outer).size(), 52u);
+  // Another record of the class still has its own version's members.
+  EXPECT_EQ(FilledOuter().SerializeSize(), 48u);
 
-  // An unregistered record registers at once under the new version.
+  // An unregistered record registers at once under the new version, so a
+  // member added by hand comes after the registered ones.
   CInner fresh;
   fresh.SetProtocolVersion(CNDMPProtocolVersion::PROTOCOL_VERSION_3);
-  EXPECT_EQ(fresh.registrations, 1);
-  EXPECT_EQ(fresh.SerializeSize(), 12u);
+  ASSERT_EQ(fresh.RegisterMember("Extra", &fresh.X), 0);
+  EXPECT_EQ(fresh.GetMemberCount(), 4u);
+  EXPECT_EQ(fresh.SerializeSize(), 16u);
+  // One that was never used holds only what was added by hand.
+  CInner unused;
+  ASSERT_EQ(unused.RegisterMember("Only", &unused.X), 0);
+  EXPECT_EQ(unused.DumpContents(0), "\nOnly = 0");
 }
 
 TEST(XdrContainer, CopySerialisesItsOwnMembers) {
@@ -285,19 +293,44 @@ TEST(XdrContainer, CopyAssignmentSerialisesItsOwnMembers) {
   EXPECT_EQ(EncodeValue(arrayCopy).size(), 20u);
 }
 
-TEST(XdrContainer, RecordsInAnArraySurviveItsGrowth) {
+TEST(XdrContainer, RecordsInAnArraySurviveGrowthCopyAndMove) {
   CXDRArray<CInner> array;
-  for (unsigned int i = 0; i < 40; ++i) {
+  CInner* first = nullptr;
+  for (unsigned int i = 0; i < 1000; ++i) {
     CInner item;
     item.X = i;
+    item.SetProtocolVersion(CXDREnumBase<CNDMPProtocolVersion>(i % 2 == 0 ? 3u : 4u));
+    item.V3Only = i + 1;
     array.AddItem(item);
-    // Registering each element in place means growth must not carry its
-    // registration along to the moved element.
-    EXPECT_EQ(array[i].SerializeSize(), 8u);
+    // Elements are used in place while the array grows around them.
+    EXPECT_EQ(array[i].SerializeSize(), i % 2 == 0 ? 12u : 8u);
+    if (i == 0) first = &array[0];
   }
-  std::vector<unsigned char> bytes = EncodeValue(array);
-  ASSERT_EQ(bytes.size(), 4u + 40u * 8u);
-  for (unsigned int i = 0; i < 40; ++i) EXPECT_EQ(bytes[4 + i * 8 + 3], i);
+  EXPECT_EQ(&array[0], first);  // growth never moves an element
+  auto check = [](CXDRArray<CInner>& a) {
+    std::vector<unsigned char> bytes = EncodeValue(a);
+    ASSERT_EQ(bytes.size(), 4u + 500u * 12u + 500u * 8u);
+    std::size_t at = 4;
+    for (unsigned int i = 0; i < 1000; ++i) {
+      EXPECT_EQ(bytes[at + 2] * 256 + bytes[at + 3], static_cast<int>(i));
+      at += 8;  // X and the empty S
+      if (i % 2 == 0) {
+        EXPECT_EQ(bytes[at + 2] * 256 + bytes[at + 3], static_cast<int>(i + 1));
+        at += 4;
+      }
+    }
+  };
+  check(array);
+  CXDRArray<CInner> copy(array);
+  CXDRArray<CInner> moved(std::move(array));
+  array = copy;  // a moved-from array takes a new value
+  copy[999].X = 5u;
+  check(moved);
+  check(array);
+  std::size_t visited = 0;
+  for (CInner& item : moved) visited += item.X.getInt32() == visited ? 1 : 0;
+  EXPECT_EQ(visited, 1000u);
+  EXPECT_THROW(moved[1000], std::out_of_range);
 }
 
 // Names built at run time, in a buffer that is gone once registration ends

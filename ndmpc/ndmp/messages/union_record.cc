@@ -5,17 +5,17 @@ namespace com::vx::korvane::ndmpc {
 int CNDMPUnionRecord::RegisterMembers() {
   CXDRULong& discriminant = Discriminant();
   RegisterStaticMember(DiscriminantName(), &discriminant);
-  registeredFor_ = discriminant.getInt32();
   const char* name = nullptr;
-  if (CIXDR* arm = SelectArm(registeredFor_, &name)) RegisterStaticMember(name, arm);
+  if (CIXDR* arm = SelectArm(discriminant.getInt32(), &name)) RegisterStaticMember(name, arm);
   return 0;
 }
 
-void CNDMPUnionRecord::Refresh() {
-  if (GetMemberCount() == 0 || registeredFor_ != Discriminant().getInt32()) {
-    ClearRegistration();
-    RegisterMembers();
-  }
+std::uint32_t CNDMPUnionRecord::LayoutKey() {
+  const char* name = nullptr;
+  CIXDR* arm = SelectArm(Discriminant().getInt32(), &name);
+  if (arm == nullptr) return 0;
+  return static_cast<std::uint32_t>(reinterpret_cast<std::intptr_t>(arm) -
+                                    reinterpret_cast<std::intptr_t>(this)) + 1;
 }
 
 int CNDMPUnionRecord::DeSerialize(CXDRStream& stream) {
@@ -34,24 +34,10 @@ int CNDMPUnionRecord::DeSerialize(CXDRStream& stream) {
     }
     result = arm->DeSerialize(stream);
   }
-  ClearRegistration();
-  RegisterMembers();
+  // Members registered by hand give way to the registration of the
+  // received discriminant.
+  if (HasOwnList()) ClearRegistration();
   return result == XDR_FAILURE ? XDR_FAILURE : 0;
-}
-
-int CNDMPUnionRecord::Serialize(CXDRStream& stream) {
-  Refresh();
-  return CXDRContainer::Serialize(stream);
-}
-
-unsigned int CNDMPUnionRecord::SerializeSize() {
-  Refresh();
-  return CXDRContainer::SerializeSize();
-}
-
-VxString CNDMPUnionRecord::DumpContents(int level) {
-  Refresh();
-  return CXDRContainer::DumpContents(level);
 }
 
 }  // namespace com::vx::korvane::ndmpc

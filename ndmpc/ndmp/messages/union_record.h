@@ -19,14 +19,12 @@ namespace com::vx::korvane::ndmpc {
 
 class CNDMPUnionRecord : public CXDRContainer {
  public:
+  CNDMPUnionRecord() { MarkKeyed(); }
 
-  // Decodes the discriminant, then the arm it selects, then registers anew
-  // so that later encoding and dumping follow the received discriminant.
+  // Decodes the discriminant, then the arm it selects. Encoding, sizing and
+  // dumping follow the current discriminant, whether received or set by a
+  // caller.
   int DeSerialize(CXDRStream& stream) override;
-  // These follow the current discriminant, also after a caller changed it.
-  int Serialize(CXDRStream& stream) override;
-  unsigned int SerializeSize() override;
-  VxString DumpContents(int level) override;
 
  protected:
   virtual const char* DiscriminantName() const = 0;
@@ -35,11 +33,8 @@ class CNDMPUnionRecord : public CXDRContainer {
   // registered name; null when the value selects nothing.
   virtual CIXDR* SelectArm(std::uint32_t value, const char** name) = 0;
   int RegisterMembers() override;
-
- private:
-  void Refresh();
-
-  std::uint32_t registeredFor_ = 0;  // discriminant of the current registration
+  // Records whose discriminants select the same arm share a registration.
+  std::uint32_t LayoutKey() override;
 };
 
 }  // namespace com::vx::korvane::ndmpc
