@@ -359,11 +359,24 @@ Bytes ReadRecord(int fd) {
   return payload;
 }
 
+// The message header in front of the body of a record read by ReadRecord.
+constexpr std::size_t kMessageHeaderBytes = 24;
+
 // Sets the entries/s counter and returns the rate over the wall time since `start`.
 double CountEntries(benchmark::State& state, Clock::time_point start) {
   double entries = static_cast<double>(state.iterations()) * kEntries;
   state.counters["entries/s"] = benchmark::Counter(entries, benchmark::Counter::kIsRate);
   return entries / Seconds(start);
+}
+
+// Runs `decode` on the reading end of a socket pair the NDMP_FH_ADD_FILE
+// record is sent over, once per iteration; returns the entries/s.
+template <class Decode>
+double TimeFhDecodes(benchmark::State& state, Decode decode) {
+  const Bytes& bytes = FhRecordBytes();
+  auto start = Clock::now();
+  for (auto _ : state) OverSocketPair(bytes, decode);
+  return CountEntries(state, start);
 }
 
 // Sends the record bytes over a socket pair from a thread while `read` runs
@@ -381,21 +394,16 @@ void OverSocketPair(const Bytes& bytes, Read read) {
 }
 
 void BM_FhAddFileDecode(benchmark::State& state) {
-  const Bytes& bytes = FhRecordBytes();
-  auto start = Clock::now();
-  for (auto _ : state) {
-    OverSocketPair(bytes, [&](int fd) {
-      ndmpc::VxTcpSocket socket;
-      socket.adopt(fd);
-      ndmpc::CXDRStream stream(socket, QuietLog());
-      ndmpc::CNDMPMessagePacket packet;
-      if (packet.DeSerialize(stream) != 0) state.SkipWithError("decode failed");
-      auto* post = dynamic_cast<ndmpc::CNDMPFhAddFilePost*>(packet.GetMessage());
-      if (post == nullptr || post->Files.size() != kEntries) state.SkipWithError("wrong post");
-      socket.close();
-    });
-  }
-  double rate = CountEntries(state, start);
+  double rate = TimeFhDecodes(state, [&](int fd) {
+    ndmpc::VxTcpSocket socket;
+    socket.adopt(fd);
+    ndmpc::CXDRStream stream(socket, QuietLog());
+    ndmpc::CNDMPMessagePacket packet;
+    if (packet.DeSerialize(stream) != 0) state.SkipWithError("decode failed");
+    auto* post = dynamic_cast<ndmpc::CNDMPFhAddFilePost*>(packet.GetMessage());
+    if (post == nullptr || post->Files.size() != kEntries) state.SkipWithError("wrong post");
+    socket.close();
+  });
   if (handEntriesPerSecond > 0) state.counters["vs_hand"] = rate / handEntriesPerSecond;
   if (rpcgenEntriesPerSecond > 0) state.counters["vs_rpcgen"] = rate / rpcgenEntriesPerSecond;
 }
@@ -412,80 +420,69 @@ struct HandEntry {
 
 // Reads the record off the socket, then decodes it in one pass.
 void BM_FhAddFileHandDecode(benchmark::State& state) {
-  const Bytes& bytes = FhRecordBytes();
-  auto start = Clock::now();
-  for (auto _ : state) {
-    OverSocketPair(bytes, [&](int fd) {
-      Bytes payload = ReadRecord(fd);
-      const unsigned char* p = payload.data() + 24;
-      auto word = [&p] {
-        std::uint32_t v;
-        std::memcpy(&v, p, 4);
-        p += 4;
-        return ntohl(v);
-      };
-      auto quad = [&] {
-        std::uint64_t high = word();
-        return (high << 32) | word();
-      };
-      std::uint32_t count = word();
-      std::vector<HandEntry> entries;
-      entries.reserve(count);
-      for (std::uint32_t i = 0; i < count; ++i) {
-        HandEntry e;
-        std::uint32_t names = word();
-        for (std::uint32_t n = 0; n < names; ++n) {
-          e.fsType = word();
-          std::uint32_t len = word();
-          e.name.assign(reinterpret_cast<const char*>(p), len);
-          p += (len + 3) & ~3u;
-        }
-        std::uint32_t stats = word();
-        for (std::uint32_t s = 0; s < stats; ++s) {
-          for (auto& f : e.stat) f = word();
-          e.size = quad();
-          e.links = word();
-        }
-        e.node = quad();
-        e.info = quad();
-        entries.push_back(std::move(e));
+  handEntriesPerSecond = TimeFhDecodes(state, [&](int fd) {
+    Bytes payload = ReadRecord(fd);
+    const unsigned char* p = payload.data() + kMessageHeaderBytes;
+    auto word = [&p] {
+      std::uint32_t v;
+      std::memcpy(&v, p, 4);
+      p += 4;
+      return ntohl(v);
+    };
+    auto quad = [&] {
+      std::uint64_t high = word();
+      return (high << 32) | word();
+    };
+    std::uint32_t count = word();
+    std::vector<HandEntry> entries;
+    entries.reserve(count);
+    for (std::uint32_t i = 0; i < count; ++i) {
+      HandEntry e;
+      std::uint32_t names = word();
+      for (std::uint32_t n = 0; n < names; ++n) {
+        e.fsType = word();
+        std::uint32_t len = word();
+        e.name.assign(reinterpret_cast<const char*>(p), len);
+        p += (len + 3) & ~3u;
       }
-      benchmark::DoNotOptimize(entries.data());
-      if (entries.size() != kEntries) state.SkipWithError("wrong count");
-    });
-  }
-  handEntriesPerSecond = CountEntries(state, start);
+      std::uint32_t stats = word();
+      for (std::uint32_t s = 0; s < stats; ++s) {
+        for (auto& f : e.stat) f = word();
+        e.size = quad();
+        e.links = word();
+      }
+      e.node = quad();
+      e.info = quad();
+      entries.push_back(std::move(e));
+    }
+    benchmark::DoNotOptimize(entries.data());
+    if (entries.size() != kEntries) state.SkipWithError("wrong count");
+  });
 }
 
 #ifdef NDMPC_BENCH_RPCGEN
 // The same record read the same way, its body decoded by the routines rpcgen
 // generates from bench/fh_records.x, then freed.
 void BM_FhAddFileRpcgenDecode(benchmark::State& state) {
-  const Bytes& bytes = FhRecordBytes();
-  auto start = Clock::now();
-  for (auto _ : state) {
-    OverSocketPair(bytes, [&](int fd) {
-      Bytes payload = ReadRecord(fd);
-      constexpr std::size_t kHeader = 24;
-      if (payload.size() < kHeader) {
-        state.SkipWithError("short record");
-        return;
-      }
-      XDR xdrs;
-      xdrmem_create(&xdrs, reinterpret_cast<char*>(payload.data()) + kHeader,
-                    static_cast<u_int>(payload.size() - kHeader), XDR_DECODE);
-      fhb_fh_add_file_post post{};
-      // The whole body must be consumed, into the expected number of entries.
-      bool ok = xdr_fhb_fh_add_file_post(&xdrs, &post) &&
-                xdr_getpos(&xdrs) == payload.size() - kHeader &&
-                post.files.files_len == static_cast<u_int>(kEntries);
-      // xdrproc_t takes a third argument the generated routines do not have.
-      xdr_free(reinterpret_cast<xdrproc_t>(reinterpret_cast<void (*)()>(xdr_fhb_fh_add_file_post)),
-               reinterpret_cast<char*>(&post));
-      if (!ok) state.SkipWithError("rpcgen decode failed");
-    });
-  }
-  rpcgenEntriesPerSecond = CountEntries(state, start);
+  rpcgenEntriesPerSecond = TimeFhDecodes(state, [&](int fd) {
+    Bytes payload = ReadRecord(fd);
+    if (payload.size() < kMessageHeaderBytes) {
+      state.SkipWithError("short record");
+      return;
+    }
+    XDR xdrs;
+    xdrmem_create(&xdrs, reinterpret_cast<char*>(payload.data()) + kMessageHeaderBytes,
+                  static_cast<u_int>(payload.size() - kMessageHeaderBytes), XDR_DECODE);
+    fhb_fh_add_file_post post{};
+    // The whole body must be consumed, into the expected number of entries.
+    bool ok = xdr_fhb_fh_add_file_post(&xdrs, &post) &&
+              xdr_getpos(&xdrs) == payload.size() - kMessageHeaderBytes &&
+              post.files.files_len == static_cast<u_int>(kEntries);
+    // xdrproc_t takes a third argument the generated routines do not have.
+    xdr_free(reinterpret_cast<xdrproc_t>(reinterpret_cast<void (*)()>(xdr_fhb_fh_add_file_post)),
+             reinterpret_cast<char*>(&post));
+    if (!ok) state.SkipWithError("rpcgen decode failed");
+  });
 }
 #endif
 
