@@ -108,7 +108,9 @@ double Seconds(Clock::time_point start) {
 }
 
 // Rates of the baselines, measured in the same run (they are registered
-// first) for the ratio counters of the library benchmarks.
+// first) for the ratio counters of the library benchmarks. The decoders keep
+// their best repetition: all repetitions of a baseline run before the
+// library's, and one slowed by a busy machine would flatter the ratio.
 double writevBytesPerSecond = 0;
 double handEntriesPerSecond = 0;
 double rpcgenEntriesPerSecond = 0;
@@ -420,7 +422,7 @@ struct HandEntry {
 
 // Reads the record off the socket, then decodes it in one pass.
 void BM_FhAddFileHandDecode(benchmark::State& state) {
-  handEntriesPerSecond = TimeFhDecodes(state, [&](int fd) {
+  double rate = TimeFhDecodes(state, [&](int fd) {
     Bytes payload = ReadRecord(fd);
     const unsigned char* p = payload.data() + kMessageHeaderBytes;
     auto word = [&p] {
@@ -458,13 +460,14 @@ void BM_FhAddFileHandDecode(benchmark::State& state) {
     benchmark::DoNotOptimize(entries.data());
     if (entries.size() != kEntries) state.SkipWithError("wrong count");
   });
+  handEntriesPerSecond = std::max(handEntriesPerSecond, rate);
 }
 
 #ifdef NDMPC_BENCH_RPCGEN
 // The same record read the same way, its body decoded by the routines rpcgen
 // generates from bench/fh_records.x, then freed.
 void BM_FhAddFileRpcgenDecode(benchmark::State& state) {
-  rpcgenEntriesPerSecond = TimeFhDecodes(state, [&](int fd) {
+  double rate = TimeFhDecodes(state, [&](int fd) {
     Bytes payload = ReadRecord(fd);
     if (payload.size() < kMessageHeaderBytes) {
       state.SkipWithError("short record");
@@ -483,6 +486,7 @@ void BM_FhAddFileRpcgenDecode(benchmark::State& state) {
              reinterpret_cast<char*>(&post));
     if (!ok) state.SkipWithError("rpcgen decode failed");
   });
+  rpcgenEntriesPerSecond = std::max(rpcgenEntriesPerSecond, rate);
 }
 #endif
 
