@@ -2,7 +2,9 @@
 // next to a plain baseline measured in the same run (ratios as counters):
 //   RoundTrip      SendMessage(NDMP_CONFIG_GET_HOST_INFO) vs a raw ping-pong
 //   TapeWrite      NDMP_TAPE_WRITE payload vs raw TCP and a writev sender
-//   FhAddFile      decoding/encoding 10,000 file-history entries vs a hand decoder
+//   FhAddFile      decoding/encoding 10,000 file-history entries vs a hand
+//                  decoder and (when built with rpcgen) an rpcgen decoder
+//   FhDecodeResident resident bytes of a decoded post of minimal entries
 //   IdleConnection resident bytes and threads per idle connection
 // Run with scripts/bench.sh; results in bench/RESULTS.md.
 #include <arpa/inet.h>
@@ -18,6 +20,7 @@
 #include <cstdio>
 #include <cstring>
 #include <dirent.h>
+#include <malloc.h>
 #include <memory>
 #include <string>
 #include <thread>
@@ -29,6 +32,9 @@
 #include "ndmpc/ndmp/messages/notify_log_fh_messages.h"
 #include "bench/quiet_log.h"
 #include "ndmpc/ndmp/messages/scsi_tape_messages.h"
+#ifdef NDMPC_BENCH_RPCGEN
+#include "fh_records.h"
+#endif
 
 namespace ndmpc = com::vx::korvane::ndmpc;
 namespace enums = ndmpc::enums;
@@ -102,9 +108,12 @@ double Seconds(Clock::time_point start) {
 }
 
 // Rates of the baselines, measured in the same run (they are registered
-// first) for the ratio counters of the library benchmarks.
+// first) for the ratio counters of the library benchmarks. The decoders keep
+// their best repetition: all repetitions of a baseline run before the
+// library's, and one slowed by a busy machine would flatter the ratio.
 double writevBytesPerSecond = 0;
 double handEntriesPerSecond = 0;
+double rpcgenEntriesPerSecond = 0;
 
 // ---- (1) round trips -------------------------------------------------------
 
@@ -303,35 +312,73 @@ ndmpc::CNDMPFhAddFilePost MakeFhPost() {
   return post;
 }
 
-// The post as it travels: one record with fragment headers.
+// `post` as it travels in a version-4 request: one record with fragment headers.
+Bytes RecordBytes(const ndmpc::CNDMPMessage& post, std::uint32_t code) {
+  Bytes raw;
+  int fds[2];
+  socketpair(AF_UNIX, SOCK_STREAM, 0, fds);
+  std::thread reader([&raw, fd = fds[0]] {
+    unsigned char buffer[65536];
+    ssize_t n;
+    while ((n = ::read(fd, buffer, sizeof(buffer))) > 0) raw.insert(raw.end(), buffer, buffer + n);
+    ::close(fd);
+  });
+  {
+    ndmpc::VxTcpSocket socket;
+    socket.adopt(fds[1]);
+    ndmpc::CXDRStream stream(socket, QuietLog());
+    ndmpc::CNDMPMessagePacket packet(ndmpc::CXDREnumBase<enums::CNDMPMessageCode>(code),
+                                     enums::CNDMPMessageType::NDMP_MESSAGE_REQUEST,
+                                     enums::CNDMPProtocolVersion::PROTOCOL_VERSION_4);
+    packet.SetMessage(post);
+    packet.Serialize(stream);
+    stream.flushRecord();
+    socket.close();
+  }
+  reader.join();
+  return raw;
+}
+
 const Bytes& FhRecordBytes() {
-  static const Bytes bytes = [] {
-    Bytes raw;
-    int fds[2];
-    socketpair(AF_UNIX, SOCK_STREAM, 0, fds);
-    std::thread reader([&raw, fd = fds[0]] {
-      unsigned char buffer[65536];
-      ssize_t n;
-      while ((n = ::read(fd, buffer, sizeof(buffer))) > 0) raw.insert(raw.end(), buffer, buffer + n);
-      ::close(fd);
-    });
-    {
-      ndmpc::VxTcpSocket socket;
-      socket.adopt(fds[1]);
-      ndmpc::CXDRStream stream(socket, QuietLog());
-      ndmpc::CNDMPFhAddFilePost post = MakeFhPost();
-      ndmpc::CNDMPMessagePacket packet(enums::CNDMPMessageCode::NDMP_FH_ADD_FILE,
-                                       enums::CNDMPMessageType::NDMP_MESSAGE_REQUEST,
-                                       enums::CNDMPProtocolVersion::PROTOCOL_VERSION_4);
-      packet.SetMessage(post);
-      packet.Serialize(stream);
-      stream.flushRecord();
-      socket.close();
-    }
-    reader.join();
-    return raw;
-  }();
+  static const Bytes bytes = RecordBytes(MakeFhPost(), ndmpc::CNDMPFhAddFilePost::kMessageCode);
   return bytes;
+}
+
+// Reads one record off `fd` and returns its fragments joined (message header
+// included), as a plain decoder would before parsing it.
+Bytes ReadRecord(int fd) {
+  Bytes payload;
+  for (;;) {
+    std::uint32_t header;
+    if (!ReadAll(fd, &header, 4)) break;
+    header = ntohl(header);
+    std::size_t at = payload.size();
+    payload.resize(at + (header & 0x7FFFFFFFu));
+    ReadAll(fd, payload.data() + at, header & 0x7FFFFFFFu);
+    if (header & 0x80000000u) break;
+  }
+  ::close(fd);
+  return payload;
+}
+
+// The message header in front of the body of a record read by ReadRecord.
+constexpr std::size_t kMessageHeaderBytes = 24;
+
+// Sets the entries/s counter; returns the number of entries processed.
+double CountEntries(benchmark::State& state) {
+  double entries = static_cast<double>(state.iterations()) * kEntries;
+  state.counters["entries/s"] = benchmark::Counter(entries, benchmark::Counter::kIsRate);
+  return entries;
+}
+
+// Runs `decode` on the reading end of a socket pair the NDMP_FH_ADD_FILE
+// record is sent over, once per iteration; returns the entries/s.
+template <class Decode>
+double TimeFhDecodes(benchmark::State& state, Decode decode) {
+  const Bytes& bytes = FhRecordBytes();
+  auto start = Clock::now();
+  for (auto _ : state) OverSocketPair(bytes, decode);
+  return CountEntries(state) / Seconds(start);
 }
 
 // Sends the record bytes over a socket pair from a thread while `read` runs
@@ -349,24 +396,18 @@ void OverSocketPair(const Bytes& bytes, Read read) {
 }
 
 void BM_FhAddFileDecode(benchmark::State& state) {
-  const Bytes& bytes = FhRecordBytes();
-  auto start = Clock::now();
-  for (auto _ : state) {
-    OverSocketPair(bytes, [&](int fd) {
-      ndmpc::VxTcpSocket socket;
-      socket.adopt(fd);
-      ndmpc::CXDRStream stream(socket, QuietLog());
-      ndmpc::CNDMPMessagePacket packet;
-      if (packet.DeSerialize(stream) != 0) state.SkipWithError("decode failed");
-      auto* post = dynamic_cast<ndmpc::CNDMPFhAddFilePost*>(packet.GetMessage());
-      if (post == nullptr || post->Files.size() != kEntries) state.SkipWithError("wrong post");
-      socket.close();
-    });
-  }
-  double rate = static_cast<double>(state.iterations()) * kEntries / Seconds(start);
+  double rate = TimeFhDecodes(state, [&](int fd) {
+    ndmpc::VxTcpSocket socket;
+    socket.adopt(fd);
+    ndmpc::CXDRStream stream(socket, QuietLog());
+    ndmpc::CNDMPMessagePacket packet;
+    if (packet.DeSerialize(stream) != 0) state.SkipWithError("decode failed");
+    auto* post = dynamic_cast<ndmpc::CNDMPFhAddFilePost*>(packet.GetMessage());
+    if (post == nullptr || post->Files.size() != kEntries) state.SkipWithError("wrong post");
+    socket.close();
+  });
   if (handEntriesPerSecond > 0) state.counters["vs_hand"] = rate / handEntriesPerSecond;
-  state.counters["entries/s"] = benchmark::Counter(
-      static_cast<double>(state.iterations()) * kEntries, benchmark::Counter::kIsRate);
+  if (rpcgenEntriesPerSecond > 0) state.counters["vs_rpcgen"] = rate / rpcgenEntriesPerSecond;
 }
 
 struct HandEntry {
@@ -381,62 +422,73 @@ struct HandEntry {
 
 // Reads the record off the socket, then decodes it in one pass.
 void BM_FhAddFileHandDecode(benchmark::State& state) {
-  const Bytes& bytes = FhRecordBytes();
-  auto start = Clock::now();
-  for (auto _ : state) {
-    OverSocketPair(bytes, [&](int fd) {
-      Bytes payload;
-      for (;;) {
-        std::uint32_t header;
-        if (!ReadAll(fd, &header, 4)) break;
-        header = ntohl(header);
-        std::size_t at = payload.size();
-        payload.resize(at + (header & 0x7FFFFFFFu));
-        ReadAll(fd, payload.data() + at, header & 0x7FFFFFFFu);
-        if (header & 0x80000000u) break;
+  double rate = TimeFhDecodes(state, [&](int fd) {
+    Bytes payload = ReadRecord(fd);
+    const unsigned char* p = payload.data() + kMessageHeaderBytes;
+    auto word = [&p] {
+      std::uint32_t v;
+      std::memcpy(&v, p, 4);
+      p += 4;
+      return ntohl(v);
+    };
+    auto quad = [&] {
+      std::uint64_t high = word();
+      return (high << 32) | word();
+    };
+    std::uint32_t count = word();
+    std::vector<HandEntry> entries;
+    entries.reserve(count);
+    for (std::uint32_t i = 0; i < count; ++i) {
+      HandEntry e;
+      std::uint32_t names = word();
+      for (std::uint32_t n = 0; n < names; ++n) {
+        e.fsType = word();
+        std::uint32_t len = word();
+        e.name.assign(reinterpret_cast<const char*>(p), len);
+        p += (len + 3) & ~3u;
       }
-      ::close(fd);
-      const unsigned char* p = payload.data() + 24;
-      auto word = [&p] {
-        std::uint32_t v;
-        std::memcpy(&v, p, 4);
-        p += 4;
-        return ntohl(v);
-      };
-      auto quad = [&] {
-        std::uint64_t high = word();
-        return (high << 32) | word();
-      };
-      std::uint32_t count = word();
-      std::vector<HandEntry> entries;
-      entries.reserve(count);
-      for (std::uint32_t i = 0; i < count; ++i) {
-        HandEntry e;
-        std::uint32_t names = word();
-        for (std::uint32_t n = 0; n < names; ++n) {
-          e.fsType = word();
-          std::uint32_t len = word();
-          e.name.assign(reinterpret_cast<const char*>(p), len);
-          p += (len + 3) & ~3u;
-        }
-        std::uint32_t stats = word();
-        for (std::uint32_t s = 0; s < stats; ++s) {
-          for (auto& f : e.stat) f = word();
-          e.size = quad();
-          e.links = word();
-        }
-        e.node = quad();
-        e.info = quad();
-        entries.push_back(std::move(e));
+      std::uint32_t stats = word();
+      for (std::uint32_t s = 0; s < stats; ++s) {
+        for (auto& f : e.stat) f = word();
+        e.size = quad();
+        e.links = word();
       }
-      benchmark::DoNotOptimize(entries.data());
-      if (entries.size() != kEntries) state.SkipWithError("wrong count");
-    });
-  }
-  handEntriesPerSecond = static_cast<double>(state.iterations()) * kEntries / Seconds(start);
-  state.counters["entries/s"] = benchmark::Counter(
-      static_cast<double>(state.iterations()) * kEntries, benchmark::Counter::kIsRate);
+      e.node = quad();
+      e.info = quad();
+      entries.push_back(std::move(e));
+    }
+    benchmark::DoNotOptimize(entries.data());
+    if (entries.size() != kEntries) state.SkipWithError("wrong count");
+  });
+  handEntriesPerSecond = std::max(handEntriesPerSecond, rate);
 }
+
+#ifdef NDMPC_BENCH_RPCGEN
+// The same record read the same way, its body decoded by the routines rpcgen
+// generates from bench/fh_records.x, then freed.
+void BM_FhAddFileRpcgenDecode(benchmark::State& state) {
+  double rate = TimeFhDecodes(state, [&](int fd) {
+    Bytes payload = ReadRecord(fd);
+    if (payload.size() < kMessageHeaderBytes) {
+      state.SkipWithError("short record");
+      return;
+    }
+    XDR xdrs;
+    xdrmem_create(&xdrs, reinterpret_cast<char*>(payload.data()) + kMessageHeaderBytes,
+                  static_cast<u_int>(payload.size() - kMessageHeaderBytes), XDR_DECODE);
+    fhb_fh_add_file_post post{};
+    // The whole body must be consumed, into the expected number of entries.
+    bool ok = xdr_fhb_fh_add_file_post(&xdrs, &post) &&
+              xdr_getpos(&xdrs) == payload.size() - kMessageHeaderBytes &&
+              post.files.files_len == static_cast<u_int>(kEntries);
+    // xdrproc_t takes a third argument the generated routines do not have.
+    xdr_free(reinterpret_cast<xdrproc_t>(reinterpret_cast<void (*)()>(xdr_fhb_fh_add_file_post)),
+             reinterpret_cast<char*>(&post));
+    if (!ok) state.SkipWithError("rpcgen decode failed");
+  });
+  rpcgenEntriesPerSecond = std::max(rpcgenEntriesPerSecond, rate);
+}
+#endif
 
 void BM_FhAddFileEncode(benchmark::State& state) {
   ndmpc::CNDMPFhAddFilePost post = MakeFhPost();
@@ -459,8 +511,7 @@ void BM_FhAddFileEncode(benchmark::State& state) {
   }
   drain.join();
   ::close(fds[0]);
-  state.counters["entries/s"] = benchmark::Counter(
-      static_cast<double>(state.iterations()) * kEntries, benchmark::Counter::kIsRate);
+  CountEntries(state);
 }
 
 // ---- (4) idle connections ----------------------------------------------------
@@ -536,6 +587,86 @@ void BM_IdleConnections(benchmark::State& state) {
   }
 }
 
+// ---- (5) resident memory of decoded file-history posts -------------------------
+
+// A post of minimal entries (4-byte names, one name and one stat where the
+// entry has them) of about 4 MB on the wire, already serialized.
+struct MinimalPost {
+  const char* name;
+  std::size_t entries;
+  Bytes bytes;
+};
+
+// Fills `array`, the entry list of `post`, with minimal elements made by
+// `fill` up to about 4 MB of wire, then serializes `post`.
+template <class Post, class Array, class Fill>
+MinimalPost SerializeMinimal(const char* name, Post& post, Array& array,
+                             std::size_t entryWireBytes, Fill fill) {
+  std::size_t entries = (4u << 20) / entryWireBytes;
+  array.Reserve(entries);
+  for (std::size_t i = 0; i < entries; ++i) fill(array.AppendNew());
+  return {name, entries, RecordBytes(post, Post::kMessageCode)};
+}
+
+const std::vector<MinimalPost>& MinimalPosts() {
+  static const std::vector<MinimalPost> posts = [] {
+    // Wire bytes per entry: a name list of one is 16 (count, fs type, length,
+    // 4 characters), a stat list of one 52, a node, parent or fh_info 8.
+    std::vector<MinimalPost> built;
+    ndmpc::CNDMPFhAddFilePost files;
+    built.push_back(SerializeMinimal("NDMP_FH_ADD_FILE", files, files.Files, 16 + 52 + 8 + 8,
+                                     [](ndmpc::CNDMPFile& f) {
+                                       f.FileNameList.AppendNew().UnixFileName.SetString("abcd");
+                                       f.FileStatList.AppendNew();
+                                     }));
+    ndmpc::CNDMPFhAddDirPost dirs;
+    built.push_back(SerializeMinimal("NDMP_FH_ADD_DIR", dirs, dirs.Directories, 16 + 8 + 8,
+                                     [](ndmpc::CNDMPDir& d) {
+                                       d.DirNameList.AppendNew().UnixFileName.SetString("abcd");
+                                     }));
+    ndmpc::CNDMPFhAddNodePost nodes;
+    built.push_back(SerializeMinimal("NDMP_FH_ADD_NODE", nodes, nodes.Nodes, 52 + 8 + 8,
+                                     [](ndmpc::CNDMPNode& n) { n.Stats.AppendNew(); }));
+    return built;
+  }();
+  return posts;
+}
+
+// Decodes one post through CNDMPMessagePacket from a socket pair and reports
+// the resident growth while the decoded post is alive, per wire byte and per
+// entry. The record bytes are built (and resident) before the first reading.
+// rss_live_per_wire_byte leaves out what the decoding freed again (released
+// by a second trim), so the difference is its transient memory.
+void BM_FhDecodeResident(benchmark::State& state) {
+  const MinimalPost& post = MinimalPosts()[static_cast<std::size_t>(state.range(0))];
+  state.SetLabel(post.name);
+  long growth = 0;
+  long live = 0;
+  for (auto _ : state) {
+    OverSocketPair(post.bytes, [&](int fd) {
+      malloc_trim(0);
+      long before = ResidentBytes();
+      ndmpc::VxTcpSocket socket;
+      socket.adopt(fd);
+      ndmpc::CXDRStream stream(socket, QuietLog());
+      ndmpc::CNDMPMessagePacket packet;
+      if (packet.DeSerialize(stream) != 0 || packet.GetMessage() == nullptr) {
+        state.SkipWithError("decode failed");
+      }
+      growth = ResidentBytes() - before;
+      malloc_trim(0);
+      live = ResidentBytes() - before;
+      socket.close();
+    });
+  }
+  state.counters["rss_per_wire_byte"] =
+      static_cast<double>(growth) / static_cast<double>(post.bytes.size());
+  state.counters["rss_bytes_per_entry"] =
+      static_cast<double>(growth) / static_cast<double>(post.entries);
+  state.counters["rss_live_per_wire_byte"] =
+      static_cast<double>(live) / static_cast<double>(post.bytes.size());
+}
+
 }  // namespace
 
 BENCHMARK(BM_RoundTripRawPingPong)->UseRealTime();
@@ -544,8 +675,12 @@ BENCHMARK(BM_TapeWriteRawTcp64K)->UseRealTime();
 BENCHMARK(BM_TapeWriteWritevFragments)->UseRealTime();
 BENCHMARK(BM_TapeWriteSendMessage)->Arg(64 << 10)->Arg(1 << 20)->UseRealTime();
 BENCHMARK(BM_FhAddFileHandDecode)->UseRealTime()->Unit(benchmark::kMillisecond);
+#ifdef NDMPC_BENCH_RPCGEN
+BENCHMARK(BM_FhAddFileRpcgenDecode)->UseRealTime()->Unit(benchmark::kMillisecond);
+#endif
 BENCHMARK(BM_FhAddFileDecode)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_FhAddFileEncode)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_IdleConnections)->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_FhDecodeResident)->DenseRange(0, 2)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 BENCHMARK_MAIN();

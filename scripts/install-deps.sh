@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(cmake ninja-build g++ clang libclang-rt-dev libgtest-dev libgmock-dev libbenchmark-dev
-          libsqlite3-dev openssl)
+          libsqlite3-dev openssl rpcsvc-proto libtirpc-dev)
 if [ "${1:-}" = "--tests" ]; then
   # Independent NDMP peers the interop and wire-conformance suites run against.
   packages+=(tshark amanda-server)
