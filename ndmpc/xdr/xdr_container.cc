@@ -1,5 +1,6 @@
 #include "ndmpc/xdr/xdr_container.h"
 
+#include <algorithm>
 #include <deque>
 #include <mutex>
 #include <typeindex>
@@ -17,6 +18,7 @@ struct CXDRContainer::Layout {
     const char* name;
     std::intptr_t offset;
     MemberType memberType;
+    bool word;  // a CXDRULong, whose encoding is known here
   };
   std::vector<Item> items;
   // Copies of the names that are not literals (own lists only); a deque
@@ -34,7 +36,8 @@ struct CXDRContainer::Layout {
     items.push_back(Item{name,
                          reinterpret_cast<std::intptr_t>(member) -
                              reinterpret_cast<std::intptr_t>(record),
-                         member->GetMemberType()});
+                         member->GetMemberType(),
+                         dynamic_cast<CXDRULong*>(member) != nullptr});
   }
 };
 
@@ -196,15 +199,23 @@ const Layout& CXDRContainer::CurrentLayout() {
 
 int CXDRContainer::Serialize(CXDRStream& stream) {
   for (const Layout::Item& item : CurrentLayout().items) {
+    CIXDR* member = Layout::Resolve(this, item);
     // Member results are deliberately not examined; the stream logs failures.
-    Layout::Resolve(this, item)->Serialize(stream);
+    if (item.word) {
+      static_cast<CXDRULong*>(member)->Serialize(stream);
+    } else {
+      member->Serialize(stream);
+    }
   }
   return 0;
 }
 
 int CXDRContainer::DeSerialize(CXDRStream& stream) {
   for (const Layout::Item& item : CurrentLayout().items) {
-    if (Layout::Resolve(this, item)->DeSerialize(stream) == XDR_FAILURE) return XDR_FAILURE;
+    CIXDR* member = Layout::Resolve(this, item);
+    int result = item.word ? static_cast<CXDRULong*>(member)->DeSerialize(stream)
+                           : member->DeSerialize(stream);
+    if (result == XDR_FAILURE) return XDR_FAILURE;
   }
   return 0;
 }
@@ -212,7 +223,7 @@ int CXDRContainer::DeSerialize(CXDRStream& stream) {
 unsigned int CXDRContainer::SerializeSize() {
   unsigned int total = 0;
   for (const Layout::Item& item : CurrentLayout().items) {
-    total += Layout::Resolve(this, item)->SerializeSize();
+    total += item.word ? 4u : Layout::Resolve(this, item)->SerializeSize();
   }
   return (total + 3u) & ~3u;
 }
@@ -254,5 +265,58 @@ CXDRContainer::MemberItem CXDRContainer::GetMember(std::size_t index) {
   const Layout::Item& item = CurrentLayout().items.at(index);
   return MemberItem{item.name, Layout::Resolve(this, item), item.memberType};
 }
+
+namespace detail {
+namespace {
+
+struct SlabChunk {
+  SlabChunk* next;
+  std::size_t size;
+  std::size_t used;
+};
+constexpr std::size_t kChunkHeader = (sizeof(SlabChunk) + 15) & ~std::size_t{15};
+constexpr std::size_t kFirstChunk = 4096;
+constexpr std::size_t kLargestChunk = 256 * 1024;
+
+thread_local void** tSlab = nullptr;
+
+}  // namespace
+
+void* ArraySlab::Lend(std::size_t bytes) {
+  if (tSlab == nullptr) return nullptr;
+  bytes = (bytes + 15) & ~std::size_t{15};
+  auto* head = static_cast<SlabChunk*>(*tSlab);
+  if (head == nullptr || head->size - head->used < bytes) {
+    // Chunks double up to a ceiling, so a short array wastes little and a
+    // long one makes few chunks.
+    std::size_t size = head == nullptr ? kFirstChunk : std::min(head->size * 2, kLargestChunk);
+    size = std::max(size, bytes + kChunkHeader);
+    auto* chunk = static_cast<SlabChunk*>(::operator new(size));
+    *chunk = SlabChunk{head, size, kChunkHeader};
+    *tSlab = chunk;
+    head = chunk;
+  }
+  void* memory = reinterpret_cast<unsigned char*>(head) + head->used;
+  head->used += bytes;
+  return memory;
+}
+
+void ArraySlab::FreeAll(void* chunks) {
+  while (chunks != nullptr) {
+    auto* chunk = static_cast<SlabChunk*>(chunks);
+    chunks = chunk->next;
+    ::operator delete(chunk);
+  }
+}
+
+ArraySlab::Scope::Scope(void** chunks) : active_(tSlab == nullptr) {
+  if (active_) tSlab = chunks;
+}
+
+ArraySlab::Scope::~Scope() {
+  if (active_) tSlab = nullptr;
+}
+
+}  // namespace detail
 
 }  // namespace com::vx::korvane::ndmpc

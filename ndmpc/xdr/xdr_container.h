@@ -148,13 +148,37 @@ namespace detail {
 struct ArrayBlocks {
   static constexpr int kMaxBlocks = 33;
   std::uint32_t size = 0;
-  std::uint32_t blocks = 1;  // blocks allocated, block 0 included
-  void** table = nullptr;    // blocks 1 and up, once there are any
+  std::uint8_t blocks = 1;     // blocks allocated, block 0 included
+  bool fromSlab = false;       // lent by an enclosing array (see ArraySlab)
+  void** table = nullptr;      // blocks 1 and up; entry 0 holds the slab chunks
 
   // The block of element i: the number of significant bits of i.
   static int BlockOf(std::uint32_t i) { return i == 0 ? 0 : 32 - __builtin_clz(i); }
   static std::uint32_t FirstIn(int k) { return k == 0 ? 0 : (1u << (k - 1)); }
   static std::uint32_t Capacity(int k) { return k == 0 ? 1 : (1u << (k - 1)); }
+};
+
+// While an array of records decodes, the arrays inside its elements take
+// their bookkeeping from chunks that the outer array owns and frees all at
+// once, rather than making one allocation each.
+class ArraySlab {
+ public:
+  // `bytes` from the chunks of the array decoding on this thread, or null
+  // when none is.
+  static void* Lend(std::size_t bytes);
+  static void FreeAll(void* chunks);
+  // Makes `*chunks` the list lent from on this thread while it lives,
+  // unless an enclosing array's list already is.
+  class Scope {
+   public:
+    explicit Scope(void** chunks);
+    ~Scope();
+    Scope(const Scope&) = delete;
+    Scope& operator=(const Scope&) = delete;
+
+   private:
+    bool active_;
+  };
 };
 }  // namespace detail
 
@@ -211,9 +235,8 @@ class CXDRArray : public CIXDR {
   CXDRArray(const CXDRArray& other) : CIXDR(other), fixedCount_(other.fixedCount_) {
     CopyElements(other);
   }
-  CXDRArray(CXDRArray&& other) noexcept
-      : CIXDR(other), fixedCount_(other.fixedCount_), store_(other.store_) {
-    other.store_ = nullptr;
+  CXDRArray(CXDRArray&& other) noexcept : CIXDR(other), fixedCount_(other.fixedCount_) {
+    Take(other);
   }
   CXDRArray& operator=(const CXDRArray& other) {
     if (this != &other) {
@@ -227,8 +250,7 @@ class CXDRArray : public CIXDR {
       Release();
       CIXDR::operator=(other);
       fixedCount_ = other.fixedCount_;
-      store_ = other.store_;
-      other.store_ = nullptr;
+      Take(other);
     }
     return *this;
   }
@@ -249,6 +271,15 @@ class CXDRArray : public CIXDR {
     Clear();
     std::uint32_t n = fixedCount_;
     if (fixedCount_ == 0 && detail::GetWord(stream, &n) == XDR_FAILURE) return XDR_FAILURE;
+    if (n == 0) return 0;
+    if (store_ == nullptr) store_ = NewStore();
+    void* chunks = nullptr;
+    struct Keep {  // hands the chunks lent during the decode to this array
+      CXDRArray* array;
+      void** chunks;
+      ~Keep() { array->KeepChunks(*chunks); }
+    } keep{this, &chunks};
+    detail::ArraySlab::Scope scope(&chunks);
     // The storage grows as elements arrive; a count from the wire is never
     // used to allocate ahead.
     for (std::uint32_t i = 0; i < n; ++i) {
@@ -298,6 +329,10 @@ class CXDRArray : public CIXDR {
   }
   void Clear() {
     while (Count() != 0) PopBack();
+    if (store_ != nullptr && store_->table != nullptr && store_->table[0] != nullptr) {
+      detail::ArraySlab::FreeAll(store_->table[0]);
+      store_->table[0] = nullptr;
+    }
   }
   // Makes room for `n` elements ahead of time.
   void Reserve(std::size_t n) {
@@ -339,11 +374,35 @@ class CXDRArray : public CIXDR {
     if (i >= Count()) throw std::out_of_range("CXDRArray index out of range");
     return At(i);
   }
-  static Store* NewStore() { return new Store; }
-  void AddBlock() {
-    if (store_->table == nullptr) {
-      store_->table = new void*[Blocks::kMaxBlocks]();
+  static Store* NewStore() {
+    if (void* memory = detail::ArraySlab::Lend(sizeof(Store))) {
+      Store* store = new (memory) Store;
+      store->fromSlab = true;
+      return store;
     }
+    return new Store;
+  }
+  void MakeTable() {
+    if (store_->table == nullptr) store_->table = new void*[Blocks::kMaxBlocks]();
+  }
+  void KeepChunks(void* chunks) {
+    if (chunks == nullptr) return;
+    MakeTable();
+    store_->table[0] = chunks;
+  }
+  // Takes the elements of `other`: its storage itself, unless that was lent
+  // by an enclosing array, which may go before this one.
+  void Take(CXDRArray& other) {
+    if (other.store_ == nullptr || !other.store_->fromSlab) {
+      store_ = other.store_;
+      other.store_ = nullptr;
+      return;
+    }
+    for (std::uint32_t i = 0, n = other.Count(); i < n; ++i) AddItem(std::move(other.At(i)));
+    other.Clear();
+  }
+  void AddBlock() {
+    MakeTable();
     const int k = static_cast<int>(store_->blocks);
     store_->table[k] = ::operator new(sizeof(T) * Blocks::Capacity(k));
     ++store_->blocks;
@@ -370,7 +429,11 @@ class CXDRArray : public CIXDR {
       ::operator delete(store_->table[k]);
     }
     delete[] store_->table;
-    delete store_;
+    if (store_->fromSlab) {
+      store_->~Store();
+    } else {
+      delete store_;
+    }
     store_ = nullptr;
   }
   void Swap(CXDRArray& other) noexcept {

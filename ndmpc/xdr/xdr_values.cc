@@ -82,15 +82,6 @@ void SkipPadding(CXDRStream& stream, std::uint64_t n) {
 
 }  // namespace
 
-int CXDRULong::Serialize(CXDRStream& stream) { return detail::PutWord(stream, value_); }
-
-int CXDRULong::DeSerialize(CXDRStream& stream) {
-  std::uint32_t v = 0;
-  if (detail::GetWord(stream, &v) == XDR_FAILURE) return XDR_FAILURE;
-  value_ = v;
-  return 4;
-}
-
 VxString CXDRULong::DumpContents(int /*level*/) { return std::to_string(value_); }
 
 VxString CXDRBool::DumpContents(int /*level*/) { return value_ != 0 ? "true" : "false"; }

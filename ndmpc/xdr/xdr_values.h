@@ -14,6 +14,27 @@
 
 namespace com::vx::korvane::ndmpc {
 
+namespace detail {
+// Writes a 4-byte big-endian word; the stream's result.
+inline int PutWord(CXDRStream& stream, std::uint32_t value) {
+  unsigned char bytes[4] = {static_cast<unsigned char>(value >> 24),
+                            static_cast<unsigned char>(value >> 16),
+                            static_cast<unsigned char>(value >> 8),
+                            static_cast<unsigned char>(value)};
+  return stream.putBytes(4, bytes);
+}
+// Reads a 4-byte big-endian word; the stream's result.
+inline int GetWord(CXDRStream& stream, std::uint32_t* value) {
+  unsigned char bytes[4];
+  int r = stream.getBytes(4, bytes);
+  if (r == XDR_FAILURE) return r;
+  *value = (static_cast<std::uint32_t>(bytes[0]) << 24) |
+           (static_cast<std::uint32_t>(bytes[1]) << 16) |
+           (static_cast<std::uint32_t>(bytes[2]) << 8) | bytes[3];
+  return r;
+}
+}  // namespace detail
+
 class CISerializable {
  public:
   virtual int Serialize(CXDRStream& stream) = 0;
@@ -71,9 +92,16 @@ class CXDRULong : public CIXDR {
   CXDRULong(const CXDRULong&) = default;
   ~CXDRULong() override = default;
 
-  int Serialize(CXDRStream& stream) override;
-  int DeSerialize(CXDRStream& stream) override;
-  unsigned int SerializeSize() override { return 4; }
+  // Final, so that records may encode and decode their word members
+  // directly, without a virtual call per word.
+  int Serialize(CXDRStream& stream) final { return detail::PutWord(stream, value_); }
+  int DeSerialize(CXDRStream& stream) final {
+    std::uint32_t v = 0;
+    if (detail::GetWord(stream, &v) == XDR_FAILURE) return XDR_FAILURE;
+    value_ = v;
+    return 4;
+  }
+  unsigned int SerializeSize() final { return 4; }
   VxString DumpContents(int level) override;
 
   unsigned int getInt32() const { return value_; }
@@ -213,24 +241,6 @@ class CXDROpaque : public CIXDR {
 };
 
 namespace detail {
-// Writes a 4-byte big-endian word; the stream's result.
-inline int PutWord(CXDRStream& stream, std::uint32_t value) {
-  unsigned char bytes[4] = {static_cast<unsigned char>(value >> 24),
-                            static_cast<unsigned char>(value >> 16),
-                            static_cast<unsigned char>(value >> 8),
-                            static_cast<unsigned char>(value)};
-  return stream.putBytes(4, bytes);
-}
-// Reads a 4-byte big-endian word; the stream's result.
-inline int GetWord(CXDRStream& stream, std::uint32_t* value) {
-  unsigned char bytes[4];
-  int r = stream.getBytes(4, bytes);
-  if (r == XDR_FAILURE) return r;
-  *value = (static_cast<std::uint32_t>(bytes[0]) << 24) |
-           (static_cast<std::uint32_t>(bytes[1]) << 16) |
-           (static_cast<std::uint32_t>(bytes[2]) << 8) | bytes[3];
-  return r;
-}
 // Formats like printf into a VxString.
 VxString Format(const char* format, ...) NDMPC_PRINTF_FORMAT(1, 2);
 }  // namespace detail
