@@ -331,6 +331,21 @@ TEST(XdrContainer, RecordsInAnArraySurviveGrowthCopyAndMove) {
   for (CInner& item : moved) visited += item.X.getInt32() == visited ? 1 : 0;
   EXPECT_EQ(visited, 1000u);
   EXPECT_THROW(moved[1000], std::out_of_range);
+
+  // Arrays inside decoded elements outlive the array they came from when
+  // moved or copied out of it.
+  CXDRArray<COuter> outers;
+  for (unsigned int i = 0; i < 3; ++i) outers.AddItem(FilledOuter());
+  auto decoded = std::make_unique<CXDRArray<COuter>>();
+  ASSERT_EQ(DecodeValue(EncodeValue(outers), *decoded), 0);
+  CXDRArray<CInner> movedOut(std::move((*decoded)[2].D));
+  CXDRArray<CXDRUShort> copiedOut((*decoded)[1].C);
+  (*decoded)[0].C = OneTwoThree();
+  EXPECT_EQ(Hex(EncodeValue((*decoded)[0].C)), "00 00 00 03 00 00 00 01 00 00 00 02 00 00 00 03");
+  decoded.reset();
+  ASSERT_EQ(movedOut.size(), 1u);
+  EXPECT_EQ(movedOut[0].X.getInt32(), 9u);
+  EXPECT_EQ(Hex(EncodeValue(copiedOut)), "00 00 00 02 00 00 00 01 00 00 00 02");
 }
 
 // Names built at run time, in a buffer that is gone once registration ends
