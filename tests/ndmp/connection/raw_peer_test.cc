@@ -306,10 +306,10 @@ TEST_F(RawPeer, UnknownCodeIsLoggedAndDropped) {
 }
 
 // Posts at the record size limit and past it, cut into 1000-byte
-// fragments: one byte over is enough to skip a record, and a record of
-// twice the limit is cut off in the middle of its text. Each skipped record
-// leaves one error line; the post at the limit and the reply that follows
-// still arrive.
+// fragments: one byte over is enough to skip a record. A record of twice the
+// limit whose text claims a gigabyte must stop being decoded at the limit,
+// not read on into the records behind it. Each skipped record leaves one
+// error line; the post at the limit and the reply that follows still arrive.
 TEST_F(RawPeer, RecordsOverTheMaximumSizeAreSkippedAndLoggedOnce) {
   constexpr std::uint32_t kLimit = 64 * 1024;
   EXPECT_EQ(Err(client.SetMaxRecordSize(CNDMPConnection::kMinRecordSize - 1)),
@@ -324,7 +324,8 @@ TEST_F(RawPeer, RecordsOverTheMaximumSizeAreSkippedAndLoggedOnce) {
   const std::string kept(kLimit - 44, 'k');
   auto oneOver = payload(std::string(kLimit - 44, 'o'));
   oneOver.push_back(0);
-  const auto twice = payload(std::string(2 * kLimit, 't'));
+  auto twice = payload(std::string(2 * kLimit, 't'));
+  twice[32] = 0x40;  // the text's length, behind the header and two fields
   ASSERT_EQ(payload(kept).size(), kLimit);
   Connect([&](CScriptPeer& p) {
     p.Write(Concat({testing::MakeRecord(oneOver, 1000), testing::MakeRecord(twice, 1000),
