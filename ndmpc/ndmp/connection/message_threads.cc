@@ -24,8 +24,12 @@ void CNDMPMessageReceiveThread::DropOversizedRecord(unsigned int handle,
   // The stream stopped handing out the record's bytes at the chunk that
   // passed the limit, which holds the message header at the latest when the
   // limit is at least a header long; the rest goes through in buffer-sized
-  // pieces, nothing of it kept.
-  const bool whole = stream_.DiscardRecord() != -1;
+  // pieces, nothing of it kept. A pause of the peer inside the record does
+  // not end the skipping (the rest would be read as new records); a stop or
+  // the end of the connection does.
+  bool whole = false;
+  while (!(whole = stream_.DiscardRecord() != -1) && runnable() && stream_.IsConnected()) {
+  }
   log_.error("[0x%08X] Message=%s of %s%llu bytes is over the maximum record size of %u bytes. "
              "Discarded.",
              handle, packet.GetHeader().MessageCode.ToString().c_str(), whole ? "" : "at least ",
