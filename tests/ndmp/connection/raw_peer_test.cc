@@ -1,7 +1,7 @@
 // A client connection against a raw peer scripted byte by byte to misbehave:
 // version refusal, header errors, stale and foreign replies, silence, stalls,
 // closes and resets in the middle of a record, unknown codes, trailing bytes,
-// floods of posts and one-byte fragments. Every wait is bounded; under ASan
+// records over the maximum size, floods of posts and one-byte fragments. Every wait is bounded; under ASan
 // the suite also shows that nothing leaks when a peer breaks off.
 #include <gtest/gtest.h>
 
