@@ -162,6 +162,9 @@ void StreamSeeds() {
     a.insert(a.end(), r.begin(), r.end());
   }
   Write("stream", "three_records", a);
+  Bytes overLimit = a;
+  overLimit[0] |= 0x40;  // the same under a maximum record size of 24 bytes
+  Write("stream", "over_limit", overLimit);
   Bytes big(9000, 0x5A);
   Bytes b{4, 252, 1, 2, 3};  // a long read, skip, discard, available
   Bytes r = record(big, 9000);

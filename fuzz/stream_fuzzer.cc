@@ -1,5 +1,6 @@
 // Fuzz target: the record stream reading arbitrary fragment sequences.
-// Byte 0 is the number of operations n (at most 63), the next n bytes are
+// Byte 0: bits 0-5 the number of operations n (at most 63), bits 6-7 the
+// maximum record size (64 MiB, 24, 100 or 4096 bytes). The next n bytes are
 // the operations, the rest is the raw input, fragment headers included.
 // Operation byte: low 2 bits pick getBytes / skipRecord / DiscardRecord /
 // IsAvailable; for getBytes the high 6 bits pick the count (1..64, or a
@@ -17,7 +18,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::size_t count = data[0] & 63;
   if (size < 1 + count) return 0;
   const std::uint8_t* ops = data + 1;
+  static const std::uint32_t kLimits[] = {ndmpc::CXDRStream::kDefaultMaxRecordSize, 24, 100, 4096};
+  const std::uint32_t limit = kLimits[data[0] >> 6];
   ndmpc::fuzz::FeedStream(data + 1 + count, size - 1 - count, [&](ndmpc::CXDRStream& stream) {
+    stream.SetMaxRecordSize(limit);
     std::vector<unsigned char> buffer(5000);
     for (std::size_t i = 0; i < count; ++i) {
       const unsigned int arg = ops[i] >> 2;
@@ -33,7 +37,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
           break;
         case 2: {
           int dropped = stream.DiscardRecord();
-          if (dropped >= 0 && !stream.AtRecordEnd()) __builtin_trap();
+          if (dropped >= 0 && (!stream.AtRecordEnd() || stream.RecordOverLimit())) __builtin_trap();
           break;
         }
         default:
@@ -43,6 +47,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       if (stream.GetBytesAvailable() < 0 || stream.GetBytesAvailable() > ndmpc::CXDRStream::kBufferSize) {
         __builtin_trap();
       }
+      // Refused only for a record whose headers announced more than the limit.
+      if (stream.RecordOverLimit() && stream.GetRecordSize() <= limit) __builtin_trap();
     }
   });
   return 0;

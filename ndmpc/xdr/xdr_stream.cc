@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstring>
 
 namespace com::vx::korvane::ndmpc {
@@ -35,7 +36,10 @@ CXDRStream::CXDRStream(const CXDRStream& other)
       lastFragment_(other.lastFragment_),
       atFragmentStart_(other.atFragmentStart_),
       fragmentLength_(other.fragmentLength_),
-      fragmentRemaining_(other.fragmentRemaining_) {
+      fragmentRemaining_(other.fragmentRemaining_),
+      maxRecordSize_(other.maxRecordSize_.load()),
+      recordSize_(other.recordSize_),
+      overLimit_(other.overLimit_) {
   std::memcpy(inputBuffer_, other.inputBuffer_, sizeof(inputBuffer_));
   std::memcpy(outputBuffer_, other.outputBuffer_, sizeof(outputBuffer_));
 }
@@ -92,8 +96,16 @@ int CXDRStream::readInputBuffer(int wanted, bool quick) {
       return -1;
     }
     header = ntohl(header);
+    if (lastFragment_) {  // the previous record has ended: this header starts a new one
+      recordSize_ = 0;
+      overLimit_ = false;
+    }
     lastFragment_ = (header & kLastFragment) != 0;
     fragmentLength_ = fragmentRemaining_ = header & kLengthMask;
+    // Checked once per fragment, before its bytes are read; the chunk read
+    // below still comes in, so that the message header can be named.
+    recordSize_ += fragmentLength_;
+    if (recordSize_ > maxRecordSize_.load(std::memory_order_relaxed)) overLimit_ = true;
   }
   std::uint32_t chunk;
   if (fragmentRemaining_ > static_cast<std::uint32_t>(kBufferSize)) {
@@ -130,6 +142,11 @@ int CXDRStream::getBytesFromSocket(int count, unsigned char* destination,
                                    std::uint32_t following, int* obtained) {
   int remaining = count;
   do {
+    if (Refused()) {
+      // Not logged here: the reader reports the oversized record once.
+      if (obtained != nullptr) *obtained = count - remaining;
+      return XDR_FAILURE;
+    }
     int r = readInputBuffer(remaining, false);
     if (r == -1) {
       // The count is what the whole value still lacks, as a single read of
@@ -231,17 +248,18 @@ int CXDRStream::skipRecord() {
 }
 
 int CXDRStream::DiscardRecord() {
-  int dropped = available_;
+  std::uint64_t dropped = static_cast<std::uint64_t>(available_);
   available_ = 0;
   inputCursor_ = inputBuffer_;
   while (!AtRecordEnd()) {
     int r = readInputBuffer(1, false);
     if (r == -1) return -1;
-    dropped += available_;
+    dropped += static_cast<std::uint64_t>(available_);
     available_ = 0;
     inputCursor_ = inputBuffer_;
   }
-  return dropped;
+  overLimit_ = false;
+  return static_cast<int>(std::min<std::uint64_t>(dropped, INT_MAX));
 }
 
 }  // namespace com::vx::korvane::ndmpc

@@ -9,6 +9,12 @@
 // One thread may use the input side (IsAvailable, getBytes, skipRecord,
 // GetBytesAvailable) while another uses the output side (putBytes,
 // flushRecord); each side belongs to one thread at a time.
+//
+// Input records have a maximum size. The fragment headers announce each
+// record's length before its bytes arrive: once the announced total passes
+// the maximum, the stream still hands out the chunk already taken, then
+// refuses further reads of that record (XDR_FAILURE, nothing logged) until
+// DiscardRecord has dropped the rest. The reader reports the record once.
 #pragma once
 
 #include <atomic>
@@ -31,6 +37,7 @@ class CXDRStream {
   static constexpr std::uint32_t kLengthMask = 0x7FFFFFFFu;
   static constexpr unsigned int kHeaderWaitMs = 30000;
   static constexpr unsigned int kPollWaitMs = 500;
+  static constexpr std::uint32_t kDefaultMaxRecordSize = 64u << 20;
 
   // The socket and the log are not owned and must outlive the stream.
   CXDRStream(VxTcpSocket& socket, VxLog& log);
@@ -79,8 +86,20 @@ class CXDRStream {
   bool AtRecordEnd() const { return available_ == 0 && atFragmentStart_ && lastFragment_; }
   // Reads and drops everything up to the end of the current record, long
   // final fragments included, so that the next read starts a new record.
-  // The number of bytes dropped, or -1 when the stream failed first.
+  // The number of bytes dropped (at most INT_MAX), or -1 when the stream
+  // failed first. Ends the refusal of a record over the maximum size.
   int DiscardRecord();
+
+  // The longest input record taken, in payload bytes; any value, and any
+  // thread (the reader sees it from the next fragment header on).
+  void SetMaxRecordSize(std::uint32_t bytes) { maxRecordSize_.store(bytes); }
+  std::uint32_t GetMaxRecordSize() const { return maxRecordSize_.load(); }
+  // True while the current input record is over the maximum size and has
+  // not been discarded.
+  bool RecordOverLimit() const { return overLimit_; }
+  // Payload bytes the current input record's fragment headers announced so
+  // far: its whole size once its last header has been read.
+  std::uint64_t GetRecordSize() const { return recordSize_; }
 
  private:
   int readInputBuffer(int wanted, bool quick);
@@ -88,6 +107,8 @@ class CXDRStream {
                          int* obtained);
   int writeOutputBuffer(bool last);
   int Buffered() const { return static_cast<int>(outputCursor_ - outputBuffer_); }
+  // A read that needs more input of a record over the maximum size.
+  bool Refused() const { return overLimit_ && available_ == 0 && !AtRecordEnd(); }
   void EndOfData(const wchar_t* label, bool reset);
 
   VxTcpSocket& socket_;
@@ -103,6 +124,9 @@ class CXDRStream {
   bool atFragmentStart_ = true;
   std::uint32_t fragmentLength_ = 0;
   std::uint32_t fragmentRemaining_ = 0;
+  std::atomic<std::uint32_t> maxRecordSize_{kDefaultMaxRecordSize};
+  std::uint64_t recordSize_ = 0;
+  bool overLimit_ = false;
 };
 
 }  // namespace com::vx::korvane::ndmpc

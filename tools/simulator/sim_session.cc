@@ -194,9 +194,10 @@ std::unique_ptr<CNDMPMessagePacket> CSimSession::ReadFirst(CXDRStream& stream) {
     }
     std::unique_ptr<CNDMPMessagePacket> packet(new CNDMPMessagePacket());
     int result = packet->DeSerialize(stream);
-    if (stream.GetBytesAvailable() != 0) stream.skipRecord();
+    const bool oversized = stream.RecordOverLimit();
+    if (stream.GetBytesAvailable() != 0 && !oversized) stream.skipRecord();
     if (!stream.AtRecordEnd()) stream.DiscardRecord();
-    if (result != XDR_FAILURE) return packet;
+    if (result != XDR_FAILURE && !oversized) return packet;
     log_.warning("sim client %u: undecodable message dropped", id_);
   }
   return nullptr;

@@ -118,6 +118,7 @@ CNDMPConnection::CNDMPConnection(const CNDMPConnection& other)
       userName_(other.userName_),
       password_(other.password_),
       port_(other.port_) {
+  maxRecordSize_ = other.GetMaxRecordSize();  // before Connect: the copy reads with it
   if (other.connected_.load()) {
     if (Connect(other.GetProtocolVersion()) == CNDMPError::NDMP_NO_ERR) {
       connected_ = true;
@@ -181,6 +182,7 @@ void CNDMPConnection::StartThreads() {
     VxGuard sending(sendMutex_);
     VxGuard lock(writeMutex_);
     session->stream = std::make_unique<CXDRStream>(*session->socket, log_);
+    session->stream->SetMaxRecordSize(maxRecordSize_.load());
     stream_ = session->stream.get();
   }
   session->receiveThread =
@@ -263,6 +265,14 @@ CXDREnumBase<CNDMPError> CNDMPConnection::Connect() {
 CXDREnumBase<CNDMPError> CNDMPConnection::Connect(
     const CXDREnumBase<CNDMPProtocolVersion>& version) {
   return ConnectWith({static_cast<CNDMPProtocolVersion::enum_value>(version.getInt32())});
+}
+
+CXDREnumBase<CNDMPError> CNDMPConnection::SetMaxRecordSize(std::uint32_t bytes) {
+  if (bytes < kMinRecordSize) return CNDMPError::NDMP_ILLEGAL_ARGS_ERR;
+  VxGuard lock(writeMutex_);
+  maxRecordSize_ = bytes;
+  if (stream_ != nullptr) stream_->SetMaxRecordSize(bytes);
+  return CNDMPError::NDMP_NO_ERR;
 }
 
 CXDREnumBase<CNDMPError> CNDMPConnection::Disconnect() {

@@ -116,6 +116,17 @@ class CNDMPConnection : public CNDMPCallbackRegistrationTable, private CINDMPRep
   // Sets the version under which packets are encoded and decoded from now
   // on; the serving side calls it once it has accepted a client's offer.
   void SetProtocolVersion(const CXDREnumBase<enums::CNDMPProtocolVersion>& version);
+  // The longest record read from the peer, in payload bytes (default
+  // CXDRStream::kDefaultMaxRecordSize, 64 MiB). A longer record is never
+  // read into memory nor delivered: its rest is discarded as it arrives, one
+  // error line names its message and size, and the next record is read as
+  // usual. Values below kMinRecordSize (one NDMP header), 0 included, are
+  // refused with NDMP_ILLEGAL_ARGS_ERR and the limit stays. Applies at once,
+  // to later connections and to the serving side too; callable from any
+  // thread, it may wait for a record being written.
+  CXDREnumBase<enums::CNDMPError> SetMaxRecordSize(std::uint32_t bytes);
+  std::uint32_t GetMaxRecordSize() const { return maxRecordSize_.load(); }
+  static constexpr std::uint32_t kMinRecordSize = 24;
   // The next sequence number: 1, 2, 3 ...
   unsigned int GetNextSequence();
   // Frees a reply body returned by SendMessage; null is ignored.
@@ -219,6 +230,8 @@ class CNDMPConnection : public CNDMPCallbackRegistrationTable, private CINDMPRep
   CNDMPCallbackRegistration* logRegistration_ = nullptr;
   CNDMPCallbackRegistration* serverRegistration_ = nullptr;
   std::atomic<std::uint32_t> version_{4};
+  // Written under writeMutex_, with the current stream's own limit.
+  std::atomic<std::uint32_t> maxRecordSize_{CXDRStream::kDefaultMaxRecordSize};
   VxLog& log_;
   // The current session, and its stream and socket: replaced only under
   // both sendMutex_ and writeMutex_.

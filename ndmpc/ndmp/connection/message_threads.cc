@@ -19,6 +19,24 @@ CXDREnumBase<enums::CNDMPProtocolVersion>& CNDMPMessageReceiveThread::SetProtoco
   return version_;
 }
 
+void CNDMPMessageReceiveThread::DropOversizedRecord(unsigned int handle,
+                                                    CNDMPMessagePacket& packet) {
+  // The stream stopped handing out the record's bytes at the chunk that
+  // passed the limit, which holds the message header at the latest when the
+  // limit is at least a header long; the rest goes through in buffer-sized
+  // pieces, nothing of it kept. A pause of the peer inside the record does
+  // not end the skipping (the rest would be read as new records); a stop or
+  // the end of the connection does.
+  bool whole = false;
+  while (!(whole = stream_.DiscardRecord() != -1) && runnable() && stream_.IsConnected()) {
+  }
+  log_.error("[0x%08X] Message=%s of %s%llu bytes is over the maximum record size of %u bytes. "
+             "Discarded.",
+             handle, packet.GetHeader().MessageCode.ToString().c_str(), whole ? "" : "at least ",
+             static_cast<unsigned long long>(stream_.GetRecordSize()),
+             static_cast<unsigned int>(stream_.GetMaxRecordSize()));
+}
+
 int CNDMPMessageReceiveThread::run() {
   const unsigned int handle = detail::Handle32(handle_);
   log_.debug("[0x%08X] Message receive thread started", handle);
@@ -28,6 +46,11 @@ int CNDMPMessageReceiveThread::run() {
       packet->SetProtocolVersion(CXDREnumBase<enums::CNDMPProtocolVersion>(
           sharedVersion_.load(std::memory_order_acquire)));
       int ret = packet->DeSerialize(stream_);
+      if (stream_.RecordOverLimit()) {
+        DropOversizedRecord(handle, *packet);
+        delete packet;
+        continue;
+      }
       if (stream_.GetBytesAvailable() != 0) {
         log_.warning("[0x%08X] After receiving Message=%s, %d bytes discarded.", handle,
                      packet->GetHeader().MessageCode.ToString().c_str(),

@@ -5,6 +5,9 @@
 // offers each packet to an optional reply router, so that a thread blocked
 // on a request gets its reply at once, without waiting for the dispatch
 // thread (which may itself be busy in a callback that sent that request).
+// A record over the stream's maximum size is neither decoded whole nor
+// queued: its rest is discarded as it arrives and one error line names its
+// message and size.
 //
 // CNDMPMessageDispatchThread is the only consumer of the queue: it offers
 // each packet to the callback table, in arrival order, then destroys it.
@@ -48,6 +51,10 @@ class CNDMPMessageReceiveThread : public VxThread {
   int run() override;
 
  private:
+  // Drops the rest of a record over the stream's maximum size and logs it
+  // once, with its message code and size.
+  void DropOversizedRecord(unsigned int handle, CNDMPMessagePacket& packet);
+
   CXDRStream& stream_;
   CNDMPMessagePacketQueue& queue_;
   CXDREnumBase<enums::CNDMPProtocolVersion> version_{

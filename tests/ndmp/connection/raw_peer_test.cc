@@ -1,7 +1,7 @@
 // A client connection against a raw peer scripted byte by byte to misbehave:
 // version refusal, header errors, stale and foreign replies, silence, stalls,
 // closes and resets in the middle of a record, unknown codes, trailing bytes,
-// floods of posts and one-byte fragments. Every wait is bounded; under ASan
+// records over the maximum size, floods of posts and one-byte fragments. Every wait is bounded; under ASan
 // the suite also shows that nothing leaks when a peer breaks off.
 #include <gtest/gtest.h>
 
@@ -303,6 +303,49 @@ TEST_F(RawPeer, UnknownCodeIsLoggedAndDropped) {
   ASSERT_EQ(all.WaitFor(2), 2u);
   EXPECT_EQ(all.Code(0), CNDMPMessageCode::NDMP_CONNECT_OPEN);
   EXPECT_EQ(all.Code(1), CNDMPMessageCode::NDMP_CONFIG_GET_HOST_INFO);
+}
+
+// Posts at the record size limit and past it, cut into 1000-byte
+// fragments: one byte over is enough to skip a record. A record of twice the
+// limit whose text claims a gigabyte must stop being decoded at the limit,
+// not read on into the records behind it. Each skipped record leaves one
+// error line; the post at the limit and the reply that follows still arrive.
+TEST_F(RawPeer, RecordsOverTheMaximumSizeAreSkippedAndLoggedOnce) {
+  constexpr std::uint32_t kLimit = 64 * 1024;
+  EXPECT_EQ(Err(client.SetMaxRecordSize(CNDMPConnection::kMinRecordSize - 1)),
+            "NDMP_ILLEGAL_ARGS_ERR");
+  ASSERT_EQ(Err(client.SetMaxRecordSize(kLimit)), "NDMP_NO_ERR");
+  client.RegisterCallback(&one, CXDREnumBase<CNDMPMessageCode>(CNDMPMessageCode::NDMP_LOG_MESSAGE));
+  auto payload = [](const std::string& entry) {
+    return testing::StripRecordMarks(
+        PostRecord(CNDMPMessageCode::NDMP_LOG_MESSAGE, LogPostBody(entry)));
+  };
+  // 24 header bytes and 20 of the post's other fields around the entry.
+  const std::string kept(kLimit - 44, 'k');
+  auto oneOver = payload(std::string(kLimit - 44, 'o'));
+  oneOver.push_back(0);
+  auto twice = payload(std::string(2 * kLimit, 't'));
+  twice[32] = 0x40;  // the text's length, behind the header and two fields
+  ASSERT_EQ(payload(kept).size(), kLimit);
+  Connect([&](CScriptPeer& p) {
+    p.Write(Concat({testing::MakeRecord(oneOver, 1000), testing::MakeRecord(twice, 1000),
+                    testing::MakeRecord(payload(kept), 1000)}));
+    CRawRecord request = p.ReadRecord();
+    if (IsHostInfoRequest(request)) p.Write(ReplyRecord(request.header, HostInfoBody("filer-7")));
+    p.ReadUntilClosed();
+  });
+  EXPECT_EQ(AskHost(), "filer-7");
+  ASSERT_EQ(one.WaitFor(1), 1u);
+  EXPECT_EQ(one.Body<CNDMPLogMessagePost>(0)->Entry.GetString(), kept);
+  std::vector<std::string> errors;
+  for (const auto& line : log.Lines()) {
+    if (line.first == VxLog::kError) errors.push_back(line.second);
+  }
+  const std::string over = " is over the maximum record size of 65536 bytes. Discarded.";
+  EXPECT_EQ(errors, (std::vector<std::string>{
+                        Tag() + " Message=NDMP_LOG_MESSAGE of 65537 bytes" + over,
+                        Tag() + " Message=NDMP_LOG_MESSAGE of 131116 bytes" + over}));
+  EXPECT_FALSE(log.Contains("bytes discarded"));
 }
 
 // 20000 posts around the reply, then one post in one-byte fragments: the
