@@ -170,10 +170,14 @@ const Layout& CXDRContainer::SharedLayout() {
     }
   }
   Recorder recorder{this};
-  Recorder* outer = tRecorder;
-  tRecorder = &recorder;
-  RegisterMembers();
-  tRecorder = outer;
+  {
+    struct Restore {  // the enclosing recording, if any, goes on afterwards
+      Recorder* outer = tRecorder;
+      ~Restore() { tRecorder = outer; }
+    } restore;
+    tRecorder = &recorder;
+    RegisterMembers();
+  }
 
   std::lock_guard<std::mutex> lock(registry.mutex);
   if (recorder.shareable && registry.shared.size() < kMaxSharedLayouts) {
