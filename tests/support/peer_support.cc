@@ -136,6 +136,18 @@ bool IsHostInfoRequest(const CRawRecord& r) {
          r.header.type == 0;
 }
 
+void ServeHostInfo(CScriptPeer& peer, bool alternate) {
+  if (alternate) {
+    peer.ReadBytes(8);
+    peer.Write(Bytes({0, 0, 0x53, 0, 0, 0, 0, 0}));
+  } else {
+    AnswerOpen(peer);
+  }
+  for (CRawRecord r = peer.ReadRecord(); r.complete; r = peer.ReadRecord()) {
+    peer.Write(ReplyRecord(r.header, HostInfoBody()));
+  }
+}
+
 std::string AskHost(CNDMPConnection& c, unsigned int timeout) {
   CNDMPConfigGetHostInfoRequest request;
   CNDMPMessage* reply = nullptr;

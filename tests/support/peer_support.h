@@ -68,8 +68,13 @@ std::vector<unsigned char> ReplyRecord(const CRawHeader& request,
 std::vector<unsigned char> PostRecord(std::uint32_t code, const std::vector<unsigned char>& body,
                                       std::uint32_t sequence = 500);
 
+class CScriptPeer;
+
 // The body of an NDMP_CONFIG_GET_HOST_INFO reply naming `host`.
 std::vector<unsigned char> HostInfoBody(const std::string& host = "filer-7");
+// Answers NDMP_CONNECT_OPEN (with `alternate`, the alternate handshake
+// instead), then every request with HostInfoBody(), until the client closes.
+void ServeHostInfo(CScriptPeer& peer, bool alternate = false);
 // Sends NDMP_CONFIG_GET_HOST_INFO on `c`; the host named in the reply, or
 // the error's name.
 std::string AskHost(CNDMPConnection& c, unsigned int timeout = 10);
@@ -103,8 +108,6 @@ class CPacketRecorder : public CINDMPCallback {
   std::vector<std::uint32_t> versions_;                       // guarded by mutex_
 };
 
-class CScriptPeer;
-struct CRawRecord;
 // True for a complete NDMP_CONFIG_GET_HOST_INFO request.
 bool IsHostInfoRequest(const CRawRecord& r);
 // Reads the client's NDMP_CONNECT_OPEN and answers it with `error` in the

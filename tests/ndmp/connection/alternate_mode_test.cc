@@ -1,7 +1,7 @@
 // The alternate login against a raw peer: the 8-byte handshake and its
 // answer, the 688-byte login record byte for byte (credential fields
-// protected by a test routine), NDMP traffic afterwards, and the cases in
-// which nothing may be sent.
+// protected by a test routine), NDMP traffic afterwards, the cases in which
+// nothing may be sent, and a reconnected connection that idles.
 #include <gtest/gtest.h>
 
 #include <time.h>
@@ -23,12 +23,8 @@
 namespace com::vx::korvane::ndmpc {
 namespace {
 
-using testing::HostInfoBody;
-using testing::IsHostInfoRequest;
-
 using enums::CNDMPError;
 using enums::CNDMPMessageCode;
-using testing::AnswerOpen;
 using testing::Bytes;
 using testing::CCapturingLog;
 using testing::Concat;
@@ -37,9 +33,10 @@ using testing::CRawRecord;
 using testing::CScriptPeer;
 using testing::HandleTag;
 using testing::Hex;
+using testing::HostInfoBody;
+using testing::IsHostInfoRequest;
 using testing::PostRecord;
 using testing::ReplyRecord;
-using testing::XdrString;
 using testing::XdrU32;
 
 constexpr std::size_t kLoginSize = 688;
@@ -104,9 +101,33 @@ std::vector<unsigned char> HandshakeAnswer(std::vector<unsigned char> body) {
 struct CLoginSeen {
   std::string handshake;
   std::vector<unsigned char> login;
-  std::vector<std::uint32_t> requestSequences;
-  bool trafficInOrder = true;
+  std::vector<std::uint32_t> requestSequences;  // of the NDMP requests after the login
+  bool trafficInOrder = true;                   // every one asked for host information
 };
+
+// Answers the handshake with a body longer than the client's 224-byte
+// buffer (to be read and dropped whole, or the streams fall out of step),
+// then the login; with `traffic`, then posts NDMP_NOTIFY_DATA_HALTED and
+// answers every request with host information. Reads until the client closes.
+CScriptPeer::Script AlternateServer(CLoginSeen& seen, bool traffic = true) {
+  return [&seen, traffic](CScriptPeer& p) {
+    seen.handshake = Hex(p.ReadBytes(8));
+    p.Write(HandshakeAnswer(std::vector<unsigned char>(1000, 0xEE)));
+    seen.login = p.ReadBytes(kLoginSize);
+    p.Write(Bytes({9, 9, 9, 9, 9, 9, 9, 9}));
+    if (!traffic) {
+      p.ReadUntilClosed();
+      return;
+    }
+    p.Write(PostRecord(CNDMPMessageCode::NDMP_NOTIFY_DATA_HALTED,
+                       XdrU32(enums::CNDMPEnumDataHaltReason::NDMP_DATA_HALT_SUCCESSFUL)));
+    for (CRawRecord r = p.ReadRecord(); r.complete; r = p.ReadRecord()) {
+      seen.trafficInOrder &= IsHostInfoRequest(r);
+      seen.requestSequences.push_back(r.header.sequence);
+      p.Write(ReplyRecord(r.header, HostInfoBody()));
+    }
+  };
+}
 
 class AlternateMode : public ::testing::Test {
  protected:
@@ -115,53 +136,9 @@ class AlternateMode : public ::testing::Test {
   CCapturingLog log;
   CScriptPeer peer;
   CXorProtector protector;
-  CPacketRecorder halted;
+  CLoginSeen seen;
   CNDMPConnection client{"127.0.0.1", "127.0.0.1", log, peer.port()};
 };
-
-TEST_F(AlternateMode, HandshakeLoginThenNdmpTraffic) {
-  CLoginSeen seen;
-  peer.Run([&seen](CScriptPeer& p) {
-    seen.handshake = Hex(p.ReadBytes(8));
-    p.Write(HandshakeAnswer(Bytes({1, 2, 3, 4, 5})));  // a body that must be read and dropped
-    seen.login = p.ReadBytes(kLoginSize);
-    p.Write(Bytes({9, 9, 9, 9, 9, 9, 9, 9}));
-    // From here on the connection speaks NDMP records.
-    p.Write(PostRecord(CNDMPMessageCode::NDMP_NOTIFY_DATA_HALTED,
-                       XdrU32(enums::CNDMPEnumDataHaltReason::NDMP_DATA_HALT_SUCCESSFUL)));
-    for (int i = 0; i < 2; ++i) {
-      CRawRecord request = p.ReadRecord();
-      seen.trafficInOrder &= IsHostInfoRequest(request);
-      seen.requestSequences.push_back(request.header.sequence);
-      p.Write(ReplyRecord(request.header, HostInfoBody()));
-    }
-    p.ReadUntilClosed();
-  });
-  client.SetCredentialProtector(protector.Routine());
-  client.RegisterCallback(&halted, CXDREnumBase<CNDMPMessageCode>(
-                                       CNDMPMessageCode::NDMP_NOTIFY_DATA_HALTED));
-
-  ASSERT_EQ(Err(client.PAGConnect()), "NDMP_NO_ERR");
-  EXPECT_TRUE(client.IsConnected());
-  EXPECT_FALSE(client.IsAuthenticated());
-  ASSERT_EQ(Err(client.PAGAuthenticate("operator", "pa55word", "backup-host")), "NDMP_NO_ERR");
-  EXPECT_FALSE(client.IsAuthenticated());
-  EXPECT_EQ(client.GetProtocolVersion().getInt32(), 4u);
-
-  ASSERT_EQ(halted.WaitFor(1), 1u);
-  EXPECT_EQ(AskHost(), "filer-7");
-  // A second login is not sent: the next bytes are the next request.
-  EXPECT_EQ(Err(client.PAGAuthenticate("operator", "pa55word", "backup-host")), "NDMP_NO_ERR");
-  EXPECT_EQ(AskHost(), "filer-7");
-  client.Disconnect();
-  ASSERT_TRUE(peer.Join());
-
-  EXPECT_EQ(seen.handshake, "00 00 53 00 00 00 00 00");
-  EXPECT_EQ(Hex(seen.login), Hex(ExpectedLogin("operator", "pa55word", "backup-host")));
-  EXPECT_EQ(protector.Lengths(), (std::vector<unsigned int>{48, 24}));
-  EXPECT_TRUE(seen.trafficInOrder);
-  EXPECT_EQ(seen.requestSequences, (std::vector<std::uint32_t>{1, 2}));
-}
 
 // Texts at and beyond the widths of their fields.
 struct CLoginCase {
@@ -175,16 +152,9 @@ struct CLoginCase {
 class AlternateModeLogin : public AlternateMode,
                            public ::testing::WithParamInterface<CLoginCase> {};
 
-TEST_P(AlternateModeLogin, LaysOutTheLoginRecord) {
+TEST_P(AlternateModeLogin, HandshakeLoginThenNdmpTraffic) {
   const CLoginCase& c = GetParam();
-  std::vector<unsigned char> login;
-  peer.Run([&login](CScriptPeer& p) {
-    p.ReadBytes(8);
-    p.Write(HandshakeAnswer({}));
-    login = p.ReadBytes(kLoginSize);
-    p.Write(std::vector<unsigned char>(8, 0));
-    p.ReadUntilClosed();
-  });
+  peer.Run(AlternateServer(seen));
   // The default routine is process-wide: it is removed again whatever happens.
   struct CDefaultRoutine {
     explicit CDefaultRoutine(CNDMPCredentialProtector routine) {
@@ -198,17 +168,36 @@ TEST_P(AlternateModeLogin, LaysOutTheLoginRecord) {
   } else {
     client.SetCredentialProtector(protector.Routine());
   }
+  CPacketRecorder halted;
+  client.RegisterCallback(&halted, CXDREnumBase<CNDMPMessageCode>(
+                                       CNDMPMessageCode::NDMP_NOTIFY_DATA_HALTED));
+
   ASSERT_EQ(Err(client.PAGConnect()), "NDMP_NO_ERR");
-  EXPECT_EQ(Err(client.PAGAuthenticate(c.first.c_str(), c.second.c_str(), c.third)),
+  EXPECT_TRUE(client.IsConnected());
+  ASSERT_EQ(Err(client.PAGAuthenticate(c.first.c_str(), c.second.c_str(), c.third)),
             "NDMP_NO_ERR");
+  EXPECT_FALSE(client.IsAuthenticated());
+  EXPECT_EQ(client.GetProtocolVersion().getInt32(), 4u);
+  // From here on the connection speaks NDMP records.
+  ASSERT_EQ(halted.WaitFor(1), 1u);
+  EXPECT_EQ(AskHost(), "filer-7");
+  // A second login is not sent: the next bytes are the next request.
+  EXPECT_EQ(Err(client.PAGAuthenticate("operator", "pa55word", "backup-host")), "NDMP_NO_ERR");
+  EXPECT_EQ(AskHost(), "filer-7");
   client.Disconnect();
   ASSERT_TRUE(peer.Join());
-  EXPECT_EQ(Hex(login), Hex(ExpectedLogin(c.first, c.second, c.third)));
+
+  EXPECT_EQ(seen.handshake, "00 00 53 00 00 00 00 00");
+  EXPECT_EQ(Hex(seen.login), Hex(ExpectedLogin(c.first, c.second, c.third)));
+  EXPECT_EQ(protector.Lengths(), (std::vector<unsigned int>{48, 24}));
+  EXPECT_TRUE(seen.trafficInOrder);
+  EXPECT_EQ(seen.requestSequences, (std::vector<std::uint32_t>{1, 2}));
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Texts, AlternateModeLogin,
     ::testing::Values(
+        CLoginCase{"Typical", "operator", "pa55word", "backup-host", false},
         // 60 characters fill the 48-byte field without a terminator; 51 still fit.
         CLoginCase{"LongFirstThird51", std::string(60, 'u'), std::string(30, 'p'),
                    "012345678901234567890123456789012345678901234567890", false},
@@ -217,34 +206,28 @@ INSTANTIATE_TEST_SUITE_P(
         CLoginCase{"NoThirdWithDefaultRoutine", "", "", nullptr, true}),
     [](const ::testing::TestParamInfo<CLoginCase>& param) { return param.param.name; });
 
-TEST_F(AlternateMode, LoginIsNotSentOnAnOrdinaryConnection) {
+TEST_F(AlternateMode, LoginIsSentOnlyOnAConnectionInTheAlternateMode) {
   client.SetCredentialProtector(protector.Routine());
   // Idle: nothing to do.
   EXPECT_EQ(Err(client.PAGAuthenticate("operator", "pw", "host")), "NDMP_NO_ERR");
-  bool inOrder = false;
-  peer.Run([&inOrder](CScriptPeer& p) {
-    if (AnswerOpen(p) != 4) return;
-    CRawRecord request = p.ReadRecord();
-    inOrder = IsHostInfoRequest(request);
-    if (inOrder) p.Write(ReplyRecord(request.header, HostInfoBody()));
-    p.ReadUntilClosed();
-  });
+  // Connected in the alternate mode, then disconnected before the login.
+  peer.Run(AlternateServer(seen, false));
+  ASSERT_EQ(Err(client.PAGConnect()), "NDMP_NO_ERR");
+  client.Disconnect();
+  ASSERT_TRUE(peer.Join());
+  EXPECT_TRUE(seen.login.empty());
+
+  // An ordinary connection afterwards gets no login record: the next
+  // request is answered in step.
+  CScriptPeer ordinary;
+  ordinary.Run([](CScriptPeer& p) { testing::ServeHostInfo(p); });
+  client.SetPort(ordinary.port());
   ASSERT_EQ(Err(client.Connect()), "NDMP_NO_ERR");
   EXPECT_EQ(Err(client.PAGAuthenticate("operator", "pw", "host")), "NDMP_NO_ERR");
   EXPECT_EQ(AskHost(), "filer-7");
   client.Disconnect();
-  ASSERT_TRUE(peer.Join());
-  EXPECT_TRUE(inOrder);
+  ASSERT_TRUE(ordinary.Join());
   EXPECT_TRUE(protector.Lengths().empty());
-}
-
-// Answers the handshake and the login, then stays silent until the client closes.
-void QuietAlternateServer(CScriptPeer& p) {
-  p.ReadBytes(8);
-  p.Write(HandshakeAnswer({}));
-  p.ReadBytes(kLoginSize);
-  p.Write(std::vector<unsigned char>(8, 0));
-  p.ReadUntilClosed();
 }
 
 double ProcessCpuSeconds() {
@@ -253,48 +236,17 @@ double ProcessCpuSeconds() {
   return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }
 
-TEST_F(AlternateMode, DisconnectEndsTheAlternateLogin) {
-  // Connected in the alternate mode, then disconnected before the login.
-  peer.Run([](CScriptPeer& p) {
-    p.ReadBytes(8);
-    p.Write(HandshakeAnswer({}));
-    p.ReadUntilClosed();
-  });
-  client.SetCredentialProtector(protector.Routine());
-  ASSERT_EQ(Err(client.PAGConnect()), "NDMP_NO_ERR");
-  client.Disconnect();
-  ASSERT_TRUE(peer.Join());
-
-  // An ordinary connection afterwards gets no login record.
-  CScriptPeer ordinary;
-  bool inOrder = false;
-  ordinary.Run([&inOrder](CScriptPeer& p) {
-    if (AnswerOpen(p) != 4) return;
-    CRawRecord request = p.ReadRecord();
-    inOrder = IsHostInfoRequest(request);
-    if (inOrder) p.Write(ReplyRecord(request.header, HostInfoBody()));
-    p.ReadUntilClosed();
-  });
-  client.SetPort(ordinary.port());
-  ASSERT_EQ(Err(client.Connect()), "NDMP_NO_ERR");
-  EXPECT_EQ(Err(client.PAGAuthenticate("operator", "pw", "host")), "NDMP_NO_ERR");
-  EXPECT_EQ(AskHost(), "filer-7");
-  client.Disconnect();
-  ASSERT_TRUE(ordinary.Join());
-  EXPECT_TRUE(inOrder);
-  EXPECT_TRUE(protector.Lengths().empty());
-}
-
 TEST_F(AlternateMode, ReconnectedConnectionIdlesWhileNothingArrives) {
   client.SetCredentialProtector(protector.Routine());
-  peer.Run(QuietAlternateServer);
+  peer.Run(AlternateServer(seen, false));
   ASSERT_EQ(Err(client.PAGConnect()), "NDMP_NO_ERR");
   ASSERT_EQ(Err(client.PAGAuthenticate("operator", "pw", "host")), "NDMP_NO_ERR");
   client.Disconnect();
   ASSERT_TRUE(peer.Join());
 
   CScriptPeer second;
-  second.Run(QuietAlternateServer);
+  CLoginSeen secondSeen;
+  second.Run(AlternateServer(secondSeen, false));
   client.SetPort(second.port());
   ASSERT_EQ(Err(client.PAGConnect()), "NDMP_NO_ERR");
   // The login pauses 600 ms with the new threads running and nothing to
@@ -342,26 +294,6 @@ INSTANTIATE_TEST_SUITE_P(
         CUnprotectedCase{"RoutineFails", true,
                          "Credential protection failed; alternate login not sent"}),
     [](const ::testing::TestParamInfo<CUnprotectedCase>& param) { return param.param.name; });
-
-// A handshake answer announcing more than the 224-byte buffer: the whole
-// body is dropped, so the login answer and the NDMP records stay in step.
-TEST_F(AlternateMode, LongHandshakeAnswerIsReadWhole) {
-  peer.Run([](CScriptPeer& p) {
-    p.ReadBytes(8);
-    p.Write(HandshakeAnswer(std::vector<unsigned char>(1000, 0xEE)));
-    p.ReadBytes(kLoginSize);
-    p.Write(std::vector<unsigned char>(8, 0));
-    CRawRecord request = p.ReadRecord();
-    if (IsHostInfoRequest(request)) p.Write(ReplyRecord(request.header, HostInfoBody()));
-    p.ReadUntilClosed();
-  });
-  client.SetCredentialProtector(protector.Routine());
-  ASSERT_EQ(Err(client.PAGConnect()), "NDMP_NO_ERR");
-  ASSERT_EQ(Err(client.PAGAuthenticate("operator", "pa55word", "backup-host")), "NDMP_NO_ERR");
-  EXPECT_EQ(AskHost(), "filer-7");
-  client.Disconnect();
-  EXPECT_TRUE(peer.Join());
-}
 
 }  // namespace
 }  // namespace com::vx::korvane::ndmpc
