@@ -90,11 +90,11 @@ std::vector<unsigned char> ExpectedLogin(const std::string& first, const std::st
   return b;
 }
 
-std::vector<unsigned char> HandshakeAnswer(std::vector<unsigned char> body) {
-  std::vector<unsigned char> answer = Bytes({0, 0, 0x53, 0, 0, 0, 0, 0});
-  answer[6] = static_cast<unsigned char>(body.size() >> 8);
-  answer[7] = static_cast<unsigned char>(body.size());
-  return Concat({answer, body});
+// The 8-byte answer to the handshake (its last two bytes the length of the
+// body that follows), then the body.
+std::vector<unsigned char> HandshakeAnswer(const std::vector<unsigned char>& body) {
+  const int size = static_cast<int>(body.size());
+  return Concat({Bytes({0, 0, 0x53, 0, 0, 0, size >> 8, size & 0xFF}), body});
 }
 
 // What the peer read of the alternate login.

@@ -101,9 +101,7 @@ TEST(CallbackTable, OffersEachPacketToEveryMatchingRegistrationInOrder) {
       {kTapeInfo, 3, 5, {"all"}},
   };
   for (const CDispatchCase& c : cases) {
-    SCOPED_TRACE(testing::Hex(testing::Bytes({static_cast<int>(c.code >> 8),
-                                              static_cast<int>(c.version),
-                                              static_cast<int>(c.replySequence)})));
+    SCOPED_TRACE(::testing::Message() << c.code << " v" << c.version << " #" << c.replySequence);
     calls.clear();
     auto packet = MakePacket(c.code, c.version, c.replySequence);
     EXPECT_EQ(table.DispatchPacket(*packet), 0);

@@ -319,32 +319,24 @@ TEST(ConnectionLifecycle, SendsDuringConnectWaitForTheOpen) {
 // Replies whose record cannot be written were made all the same: the
 // result and the flags follow the reply, and the failure is logged.
 TEST(ConnectionLifecycle, RepliesAfterAFailedWriteCountAndAreLogged) {
-  struct CCase {
-    const char* name;
-    std::function<CXDREnumBase<CNDMPError>(CNDMPConnection&)> send;
+  CNDMPConnectOpenReply open;
+  CNDMPConnectClientAuthReply auth;
+  const struct {
+    CNDMPMessage* reply;  // null: a bare header with an error
     bool connected, authenticated;
-  };
-  const CCase cases[] = {
-      {"open", [](CNDMPConnection& c) {
-         CNDMPConnectOpenReply reply;
-         return c.SendMessage(reply, 1);
-       }, true, false},
-      {"auth", [](CNDMPConnection& c) {
-         CNDMPConnectClientAuthReply reply;
-         return c.SendMessage(reply, 1);
-       }, false, true},
-      {"error", [](CNDMPConnection& c) {
-         return c.SendNDMPError(
-             CXDREnumBase<enums::CNDMPMessageType>(enums::CNDMPMessageType::NDMP_MESSAGE_REPLY),
-             CXDREnumBase<CNDMPMessageCode>(CNDMPMessageCode::NDMP_CONFIG_GET_HOST_INFO),
-             CXDREnumBase<CNDMPError>(CNDMPError::NDMP_NOT_SUPPORTED_ERR), 1);
-       }, false, false},
-  };
-  for (const CCase& k : cases) {
-    SCOPED_TRACE(k.name);
+  } cases[] = {{&open, true, false}, {&auth, false, true}, {nullptr, false, false}};
+  for (const auto& k : cases) {
+    SCOPED_TRACE(&k - cases);
     CServing s;
     ASSERT_EQ(::shutdown(s.server.getSocket()->descriptor(), SHUT_WR), 0);
-    EXPECT_EQ(Err(k.send(s.server)), "NDMP_NO_ERR");
+    EXPECT_EQ(Err(k.reply != nullptr
+                      ? s.server.SendMessage(*k.reply, 1)
+                      : s.server.SendNDMPError(
+                            CXDREnumBase<enums::CNDMPMessageType>(
+                                enums::CNDMPMessageType::NDMP_MESSAGE_REPLY),
+                            CXDREnumBase<CNDMPMessageCode>(CNDMPMessageCode::NDMP_CONFIG_GET_HOST_INFO),
+                            CXDREnumBase<CNDMPError>(CNDMPError::NDMP_NOT_SUPPORTED_ERR), 1)),
+              "NDMP_NO_ERR");
     EXPECT_EQ(s.server.IsConnected(), k.connected);
     EXPECT_EQ(s.server.IsAuthenticated(), k.authenticated);
     EXPECT_TRUE(s.log.Contains(HandleTag(&s.server) + " Failed to write"));

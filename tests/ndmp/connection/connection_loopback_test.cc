@@ -8,9 +8,8 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
-#include <mutex>
+#include <future>
 #include <string>
 #include <utility>
 #include <vector>
@@ -216,32 +215,26 @@ INSTANTIATE_TEST_SUITE_P(Levels, ConnectionLoopbackLog, ::testing::Values(3, 7),
                            return "Level" + std::to_string(param.param);
                          });
 
-// Runs a data-read handler and keeps its results, which the dispatch ignores.
+// Runs a data-read handler and keeps its first result, which the dispatch ignores.
 class CResultKeeper : public CINDMPCallback {
  public:
   explicit CResultKeeper(CNDMPConnection& connection) : handler_(connection) {}
   unsigned int HandleMessagePacket(CNDMPMessagePacket& packet) override {
-    unsigned int result = handler_.HandleMessagePacket(packet);
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      results_.push_back(result);
-    }
-    returned_.notify_all();
+    const unsigned int result = handler_.HandleMessagePacket(packet);
+    if (!kept_.exchange(true)) result_.set_value(result);
     return result;
   }
-  // The handler's results, once at least `count` calls returned.
-  std::vector<unsigned int> WaitResults(std::size_t count) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    returned_.wait_for(lock, std::chrono::milliseconds(kWaitMs),
-                       [&] { return results_.size() >= count; });
-    return results_;
+  // The first result; -1 when none came in time.
+  int WaitResult() {
+    std::future<unsigned int> future = result_.get_future();
+    if (future.wait_for(std::chrono::milliseconds(kWaitMs)) != std::future_status::ready) return -1;
+    return static_cast<int>(future.get());
   }
 
  private:
   CNDMPDataReadHandler handler_;
-  std::mutex mutex_;
-  std::condition_variable returned_;
-  std::vector<unsigned int> results_;  // guarded by mutex_
+  std::promise<unsigned int> result_;
+  std::atomic<bool> kept_{false};
 };
 
 class DataReadExchange : public ConnectionLoopback {
@@ -258,7 +251,7 @@ class DataReadExchange : public ConnectionLoopback {
 struct CMoverCase {
   const char* name;
   MoverAnswer answer;
-  unsigned int result;
+  int result;
 };
 
 class DataReadHandler : public DataReadExchange,
@@ -289,7 +282,7 @@ TEST_P(DataReadHandler, AsksTheMoverForTheSameWindowFromInsideTheDispatch) {
   }
   // Bounded far below the handler's own 360 s: a reply must reach it while
   // the dispatch thread is busy inside it.
-  EXPECT_EQ(keeper.WaitResults(1), std::vector<unsigned int>{c.result});
+  EXPECT_EQ(keeper.WaitResult(), c.result);
   client.Disconnect();  // before `keeper` goes
 }
 
