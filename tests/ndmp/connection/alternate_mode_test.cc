@@ -9,7 +9,6 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -44,26 +43,15 @@ constexpr unsigned char kMask = 0x5A;
 
 std::string Err(const CXDREnumBase<CNDMPError>& error) { return error.ToString(); }
 
-// The test's credential protection: XOR with 0x5A, noting each field length.
-class CXorProtector {
- public:
-  CNDMPCredentialProtector Routine() {
-    return [this](unsigned char* field, unsigned int length) {
-      for (unsigned int i = 0; i < length; ++i) field[i] ^= kMask;
-      std::lock_guard<std::mutex> lock(mutex_);
-      lengths_.push_back(length);
-      return true;
-    };
-  }
-  std::vector<unsigned int> Lengths() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return lengths_;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<unsigned int> lengths_;
-};
+// The test's credential protection: XOR with 0x5A, noting each field length
+// (it runs on the thread that calls PAGAuthenticate).
+CNDMPCredentialProtector XorRoutine(std::vector<unsigned int>& lengths) {
+  return [&lengths](unsigned char* field, unsigned int length) {
+    for (unsigned int i = 0; i < length; ++i) field[i] ^= kMask;
+    lengths.push_back(length);
+    return true;
+  };
+}
 
 // The login record built here from its layout, independently of the library.
 std::vector<unsigned char> ExpectedLogin(const std::string& first, const std::string& second,
@@ -135,7 +123,7 @@ class AlternateMode : public ::testing::Test {
 
   CCapturingLog log;
   CScriptPeer peer;
-  CXorProtector protector;
+  std::vector<unsigned int> lengths;  // of the fields protected
   CLoginSeen seen;
   CNDMPConnection client{"127.0.0.1", "127.0.0.1", log, peer.port()};
 };
@@ -164,9 +152,9 @@ TEST_P(AlternateModeLogin, HandshakeLoginThenNdmpTraffic) {
   };
   std::unique_ptr<CDefaultRoutine> defaultRoutine;
   if (c.defaultProtector) {
-    defaultRoutine = std::make_unique<CDefaultRoutine>(protector.Routine());
+    defaultRoutine = std::make_unique<CDefaultRoutine>(XorRoutine(lengths));
   } else {
-    client.SetCredentialProtector(protector.Routine());
+    client.SetCredentialProtector(XorRoutine(lengths));
   }
   CPacketRecorder halted;
   client.RegisterCallback(&halted, CXDREnumBase<CNDMPMessageCode>(
@@ -189,7 +177,7 @@ TEST_P(AlternateModeLogin, HandshakeLoginThenNdmpTraffic) {
 
   EXPECT_EQ(seen.handshake, "00 00 53 00 00 00 00 00");
   EXPECT_EQ(Hex(seen.login), Hex(ExpectedLogin(c.first, c.second, c.third)));
-  EXPECT_EQ(protector.Lengths(), (std::vector<unsigned int>{48, 24}));
+  EXPECT_EQ(lengths, (std::vector<unsigned int>{48, 24}));
   EXPECT_TRUE(seen.trafficInOrder);
   EXPECT_EQ(seen.requestSequences, (std::vector<std::uint32_t>{1, 2}));
 }
@@ -207,7 +195,7 @@ INSTANTIATE_TEST_SUITE_P(
     [](const ::testing::TestParamInfo<CLoginCase>& param) { return param.param.name; });
 
 TEST_F(AlternateMode, LoginIsSentOnlyOnAConnectionInTheAlternateMode) {
-  client.SetCredentialProtector(protector.Routine());
+  client.SetCredentialProtector(XorRoutine(lengths));
   // Idle: nothing to do.
   EXPECT_EQ(Err(client.PAGAuthenticate("operator", "pw", "host")), "NDMP_NO_ERR");
   // Connected in the alternate mode, then disconnected before the login.
@@ -227,7 +215,7 @@ TEST_F(AlternateMode, LoginIsSentOnlyOnAConnectionInTheAlternateMode) {
   EXPECT_EQ(AskHost(), "filer-7");
   client.Disconnect();
   ASSERT_TRUE(ordinary.Join());
-  EXPECT_TRUE(protector.Lengths().empty());
+  EXPECT_TRUE(lengths.empty());
 }
 
 double ProcessCpuSeconds() {
@@ -237,7 +225,7 @@ double ProcessCpuSeconds() {
 }
 
 TEST_F(AlternateMode, ReconnectedConnectionIdlesWhileNothingArrives) {
-  client.SetCredentialProtector(protector.Routine());
+  client.SetCredentialProtector(XorRoutine(lengths));
   peer.Run(AlternateServer(seen, false));
   ASSERT_EQ(Err(client.PAGConnect()), "NDMP_NO_ERR");
   ASSERT_EQ(Err(client.PAGAuthenticate("operator", "pw", "host")), "NDMP_NO_ERR");
