@@ -22,26 +22,15 @@
 namespace com::vx::korvane::ndmpc {
 namespace {
 
-using enums::CNDMPError;
 using enums::CNDMPMessageCode;
 using testing::Bytes;
-using testing::CCapturingLog;
-using testing::Concat;
-using testing::CPacketRecorder;
-using testing::CRawRecord;
 using testing::CScriptPeer;
-using testing::HandleTag;
 using testing::Hex;
-using testing::HostInfoBody;
-using testing::IsHostInfoRequest;
-using testing::PostRecord;
-using testing::ReplyRecord;
-using testing::XdrU32;
 
 constexpr std::size_t kLoginSize = 688;
 constexpr unsigned char kMask = 0x5A;
 
-std::string Err(const CXDREnumBase<CNDMPError>& error) { return error.ToString(); }
+std::string Err(const CXDREnumBase<enums::CNDMPError>& error) { return error.ToString(); }
 
 // The test's credential protection: XOR with 0x5A, noting each field length
 // (it runs on the thread that calls PAGAuthenticate).
@@ -82,7 +71,7 @@ std::vector<unsigned char> ExpectedLogin(const std::string& first, const std::st
 // body that follows), then the body.
 std::vector<unsigned char> HandshakeAnswer(const std::vector<unsigned char>& body) {
   const int size = static_cast<int>(body.size());
-  return Concat({Bytes({0, 0, 0x53, 0, 0, 0, size >> 8, size & 0xFF}), body});
+  return testing::Concat({Bytes({0, 0, 0x53, 0, 0, 0, size >> 8, size & 0xFF}), body});
 }
 
 // What the peer read of the alternate login.
@@ -107,12 +96,13 @@ CScriptPeer::Script AlternateServer(CLoginSeen& seen, bool traffic = true) {
       p.ReadUntilClosed();
       return;
     }
-    p.Write(PostRecord(CNDMPMessageCode::NDMP_NOTIFY_DATA_HALTED,
-                       XdrU32(enums::CNDMPEnumDataHaltReason::NDMP_DATA_HALT_SUCCESSFUL)));
-    for (CRawRecord r = p.ReadRecord(); r.complete; r = p.ReadRecord()) {
-      seen.trafficInOrder &= IsHostInfoRequest(r);
+    p.Write(testing::PostRecord(
+        CNDMPMessageCode::NDMP_NOTIFY_DATA_HALTED,
+        testing::XdrU32(enums::CNDMPEnumDataHaltReason::NDMP_DATA_HALT_SUCCESSFUL)));
+    for (testing::CRawRecord r = p.ReadRecord(); r.complete; r = p.ReadRecord()) {
+      seen.trafficInOrder &= testing::IsHostInfoRequest(r);
       seen.requestSequences.push_back(r.header.sequence);
-      p.Write(ReplyRecord(r.header, HostInfoBody()));
+      p.Write(testing::ReplyRecord(r.header, testing::HostInfoBody()));
     }
   };
 }
@@ -121,7 +111,7 @@ class AlternateMode : public ::testing::Test {
  protected:
   std::string AskHost() { return testing::AskHost(client); }
 
-  CCapturingLog log;
+  testing::CCapturingLog log;
   CScriptPeer peer;
   std::vector<unsigned int> lengths;  // of the fields protected
   CLoginSeen seen;
@@ -156,7 +146,7 @@ TEST_P(AlternateModeLogin, HandshakeLoginThenNdmpTraffic) {
   } else {
     client.SetCredentialProtector(XorRoutine(lengths));
   }
-  CPacketRecorder halted;
+  testing::CPacketRecorder halted;
   client.RegisterCallback(&halted, CXDREnumBase<CNDMPMessageCode>(
                                        CNDMPMessageCode::NDMP_NOTIFY_DATA_HALTED));
 
@@ -268,7 +258,7 @@ TEST_P(AlternateModeUnprotected, CredentialsAreNeverSentUnprotected) {
   }
   ASSERT_EQ(Err(client.PAGConnect()), "NDMP_NO_ERR");
   EXPECT_EQ(Err(client.PAGAuthenticate("operator", "pw", "host")), "NDMP_NOT_AUTHORIZED_ERR");
-  EXPECT_TRUE(log.Contains(HandleTag(&client) + " " + c.logged)) << c.logged;
+  EXPECT_TRUE(log.Contains(testing::HandleTag(&client) + " " + c.logged)) << c.logged;
   client.Disconnect();
   ASSERT_TRUE(peer.Join());
   EXPECT_TRUE(afterHandshake.empty()) << Hex(afterHandshake);

@@ -18,9 +18,6 @@ namespace {
 
 using enums::CNDMPError;
 using enums::CNDMPMessageCode;
-using testing::AnswerOpen;
-using testing::Bytes;
-using testing::CCapturingLog;
 using testing::Concat;
 using testing::CRawRecord;
 using testing::CScriptPeer;
@@ -47,8 +44,8 @@ std::string Err(const CXDREnumBase<CNDMPError>& error) { return error.ToString()
 // the library.
 std::vector<unsigned char> Md5Body() {
   return Concat({XdrU32(2), XdrString(kUser),
-                 Bytes({0x47, 0x29, 0xB0, 0x81, 0x8D, 0x9E, 0xA5, 0x60, 0xEF, 0x05, 0x9D, 0x13,
-                        0x54, 0xE1, 0x47, 0xD0})});
+                 testing::Bytes({0x47, 0x29, 0xB0, 0x81, 0x8D, 0x9E, 0xA5, 0x60, 0xEF, 0x05, 0x9D,
+                                 0x13, 0x54, 0xE1, 0x47, 0xD0})});
 }
 std::vector<unsigned char> TextBody() {
   return Concat({XdrU32(1), XdrString(kUser), XdrString(kPassword)});
@@ -72,7 +69,7 @@ struct CAuthCase {
 // Records each attempt by name; an attempt whose body differs from what a
 // correct client sends is recorded with its bytes.
 void ServeAuthentication(CScriptPeer& p, const CAuthCase& c, std::vector<std::string>& attempts) {
-  if (AnswerOpen(p) != 4) return;
+  if (testing::AnswerOpen(p) != 4) return;
   CRawRecord info = p.ReadRecord();
   if (info.header.code != CNDMPMessageCode::NDMP_CONFIG_GET_SERVER_INFO) return;
   std::vector<unsigned char> types = XdrU32(static_cast<std::uint32_t>(c.offered.size()));
@@ -108,7 +105,8 @@ void ServeAuthentication(CScriptPeer& p, const CAuthCase& c, std::vector<std::st
     } else {
       attempts.push_back("malformed " + Hex(r.body));
     }
-    p.Write(ReplyRecord(r.header, XdrU32(accepted ? 0u : std::uint32_t{CNDMPError::NDMP_NOT_AUTHORIZED_ERR})));
+    p.Write(ReplyRecord(
+        r.header, XdrU32(accepted ? 0u : std::uint32_t{CNDMPError::NDMP_NOT_AUTHORIZED_ERR})));
   }
 }
 
@@ -116,7 +114,7 @@ class Authentication : public ::testing::TestWithParam<CAuthCase> {};
 
 TEST_P(Authentication, TriesMethodsInFixedOrder) {
   const CAuthCase& c = GetParam();
-  CCapturingLog log;
+  testing::CCapturingLog log;
   CScriptPeer peer;
   std::vector<std::string> attempts;
   peer.Run([&](CScriptPeer& p) { ServeAuthentication(p, c, attempts); });

@@ -26,12 +26,11 @@ namespace {
 
 using enums::CNDMPMessageCode;
 using enums::CNDMPMessageType;
-using enums::CNDMPProtocolVersion;
 using testing::CCapturingLog;
 
 using Clock = std::chrono::steady_clock;
 using Code = CXDREnumBase<CNDMPMessageCode>;
-using Version = CXDREnumBase<CNDMPProtocolVersion>;
+using Version = CXDREnumBase<enums::CNDMPProtocolVersion>;
 
 constexpr std::uint32_t kHostInfo = CNDMPMessageCode::NDMP_CONFIG_GET_HOST_INFO;
 constexpr std::uint32_t kTapeInfo = CNDMPMessageCode::NDMP_CONFIG_GET_TAPE_INFO;

@@ -26,8 +26,6 @@ using enums::CNDMPMessageCode;
 using testing::AnswerOpen;
 using testing::AskHost;
 using testing::CCapturingLog;
-using testing::CLoopbackTcp;
-using testing::CRawHeader;
 using testing::CRawRecord;
 using testing::CScriptPeer;
 using testing::HandleTag;
@@ -36,7 +34,6 @@ using testing::kWaitMs;
 using testing::PostRecord;
 using testing::ReplyRecord;
 using testing::ServeHostInfo;
-using testing::XdrString;
 using testing::XdrU32;
 
 std::string Err(const CXDREnumBase<CNDMPError>& error) { return error.ToString(); }
@@ -102,7 +99,7 @@ TEST(ConnectionLifecycle, ConnectToNobodyReportsConnectError) {
 // A serving-side connection, threads running, not yet connected.
 struct CServing {
   CCapturingLog log;
-  CLoopbackTcp tcp;
+  testing::CLoopbackTcp tcp;
   CNDMPConnection server{tcp.socket, log};
 };
 
@@ -225,11 +222,13 @@ TEST(ConnectionLifecycle, EarlyPacketsAreHeldBoundedUntilTheApplicationTakesOver
     testing::CPacketRecorder recorder;
     if (registers) s.server.RegisterCallback(&recorder);
     for (std::uint32_t i = 1; i <= 100; ++i) {
-      ASSERT_TRUE(s.tcp.PeerWrite(PostRecord(CNDMPMessageCode::NDMP_NOTIFY_DATA_HALTED, XdrU32(1), i)));
+      ASSERT_TRUE(
+          s.tcp.PeerWrite(PostRecord(CNDMPMessageCode::NDMP_NOTIFY_DATA_HALTED, XdrU32(1), i)));
     }
     // Dispatched in order: once the last one is logged, all went by.
-    ASSERT_TRUE(s.tcp.PeerWrite(PostRecord(CNDMPMessageCode::NDMP_NOTIFY_CONNECTION_STATUS,
-                                           testing::Concat({XdrU32(0), XdrU32(4), XdrString("")}))));
+    ASSERT_TRUE(s.tcp.PeerWrite(
+        PostRecord(CNDMPMessageCode::NDMP_NOTIFY_CONNECTION_STATUS,
+                   testing::Concat({XdrU32(0), XdrU32(4), testing::XdrString("")}))));
     ASSERT_TRUE(s.log.WaitFor("Received Message NDMP_NOTIFY_CONNECTION_STATUS"));
     CNDMPMessagePacketQueue& queue = s.server.GetPacketQueue();
     EXPECT_EQ(queue.GetFilledSize(), 0u);
@@ -270,7 +269,7 @@ TEST(ConnectionLifecycle, ReplyWaiterGoesWhenTheLogThrows) {
     // The request that threw never left: answer it late (and wait until it
     // went through), then the next one.
     CRawRecord next = p.ReadRecord();
-    CRawHeader lost = next.header;
+    testing::CRawHeader lost = next.header;
     --lost.sequence;
     p.Write(ReplyRecord(lost, HostInfoBody("stale")));
     log.WaitFor("Received Message NDMP_CONFIG_GET_HOST_INFO");
@@ -329,14 +328,15 @@ TEST(ConnectionLifecycle, RepliesAfterAFailedWriteCountAndAreLogged) {
     SCOPED_TRACE(&k - cases);
     CServing s;
     ASSERT_EQ(::shutdown(s.server.getSocket()->descriptor(), SHUT_WR), 0);
-    EXPECT_EQ(Err(k.reply != nullptr
-                      ? s.server.SendMessage(*k.reply, 1)
-                      : s.server.SendNDMPError(
-                            CXDREnumBase<enums::CNDMPMessageType>(
-                                enums::CNDMPMessageType::NDMP_MESSAGE_REPLY),
-                            CXDREnumBase<CNDMPMessageCode>(CNDMPMessageCode::NDMP_CONFIG_GET_HOST_INFO),
-                            CXDREnumBase<CNDMPError>(CNDMPError::NDMP_NOT_SUPPORTED_ERR), 1)),
-              "NDMP_NO_ERR");
+    EXPECT_EQ(
+        Err(k.reply != nullptr
+                ? s.server.SendMessage(*k.reply, 1)
+                : s.server.SendNDMPError(
+                      CXDREnumBase<enums::CNDMPMessageType>(
+                          enums::CNDMPMessageType::NDMP_MESSAGE_REPLY),
+                      CXDREnumBase<CNDMPMessageCode>(CNDMPMessageCode::NDMP_CONFIG_GET_HOST_INFO),
+                      CXDREnumBase<CNDMPError>(CNDMPError::NDMP_NOT_SUPPORTED_ERR), 1)),
+        "NDMP_NO_ERR");
     EXPECT_EQ(s.server.IsConnected(), k.connected);
     EXPECT_EQ(s.server.IsAuthenticated(), k.authenticated);
     EXPECT_TRUE(s.log.Contains(HandleTag(&s.server) + " Failed to write"));

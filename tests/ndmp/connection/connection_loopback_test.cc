@@ -78,9 +78,11 @@ class ConnectionLoopback : public ::testing::Test {
     } else if (r.Code() == CNDMPMessageCode::NDMP_CONFIG_GET_SERVER_INFO) {
       CNDMPConfigGetServerInfoReply reply;
       r.Reply(reply);
-    } else if (r.Code() == CNDMPMessageCode::NDMP_MOVER_READ && mover != MoverAnswer::kHeaderError) {
+    } else if (r.Code() == CNDMPMessageCode::NDMP_MOVER_READ &&
+               mover != MoverAnswer::kHeaderError) {
       CNDMPMoverReadReply reply;
-      if (mover == MoverAnswer::kRefuseInBody) reply.NDMP_Error = CNDMPError::NDMP_ILLEGAL_STATE_ERR;
+      reply.NDMP_Error = mover == MoverAnswer::kRefuseInBody ? CNDMPError::NDMP_ILLEGAL_STATE_ERR
+                                                             : CNDMPError::NDMP_NO_ERR;
       if (mover != MoverAnswer::kSilent) r.Reply(reply);
     } else {
       r.ReplyError(CNDMPError::NDMP_NOT_SUPPORTED_ERR);

@@ -40,7 +40,8 @@ CServingPeer::~CServingPeer() {
 
 CNDMPConnection* CServingPeer::WaitServing() {
   std::unique_lock<std::mutex> lock(mutex_);
-  changed_.wait_for(lock, std::chrono::milliseconds(kWaitMs), [this] { return server_ != nullptr; });
+  changed_.wait_for(lock, std::chrono::milliseconds(kWaitMs),
+                    [this] { return server_ != nullptr; });
   return server_.get();
 }
 
