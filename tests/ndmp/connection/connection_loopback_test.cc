@@ -2,8 +2,8 @@
 // negotiation, sequence numbers, request/reply matching, header errors, how
 // the serving side becomes connected and what both sides log; then requests
 // sent while the client's dispatch thread is busy: the data-read handler's
-// NDMP_MOVER_READ exchange from inside a callback, and an application request
-// and Disconnect while that callback waits for a reply.
+// NDMP_MOVER_READ exchange from inside a callback, an application request
+// beside a blocked callback, and Disconnect while a callback waits for a reply.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -245,8 +245,7 @@ struct CMoverCase {
   int result;
 };
 
-class DataReadHandler : public ConnectionLoopback,
-                        public ::testing::WithParamInterface<CMoverCase> {
+class DataReadExchange : public ConnectionLoopback {
  protected:
   void SetUp() override {
     ASSERT_EQ(Err(client.Connect()), "NDMP_NO_ERR");
@@ -256,6 +255,9 @@ class DataReadHandler : public ConnectionLoopback,
 
   CNDMPConnection* serving = nullptr;
 };
+
+class DataReadHandler : public DataReadExchange,
+                        public ::testing::WithParamInterface<CMoverCase> {};
 
 TEST_P(DataReadHandler, AsksTheMoverForTheSameWindowFromInsideTheDispatch) {
   const CMoverCase& c = GetParam();
@@ -275,9 +277,7 @@ TEST_P(DataReadHandler, AsksTheMoverForTheSameWindowFromInsideTheDispatch) {
   EXPECT_EQ(static_cast<std::uint64_t>(read->Offset), 0x100001000ull);
   EXPECT_EQ(static_cast<std::uint64_t>(read->Length), 65536u);
   if (c.answer == MoverAnswer::kSilent) {
-    // While the handler blocks the dispatch thread waiting for its reply, an
-    // application request still completes, and Disconnect ends the wait promptly.
-    EXPECT_EQ(AskHost(client), "filer-7");
+    // The handler waits for its reply: Disconnect ends that wait promptly.
     const Clock::time_point start = Clock::now();
     EXPECT_EQ(Err(client.Disconnect()), "NDMP_NO_ERR");
     EXPECT_LT(std::chrono::duration<double>(Clock::now() - start).count(), 5.0);
@@ -295,6 +295,29 @@ INSTANTIATE_TEST_SUITE_P(
                       CMoverCase{"RefusedInHeader", MoverAnswer::kHeaderError, 1},
                       CMoverCase{"NoReplyThenDisconnect", MoverAnswer::kSilent, 1}),
     [](const ::testing::TestParamInfo<CMoverCase>& param) { return param.param.name; });
+
+// Blocks the dispatch thread until released.
+class CBlockingCallback : public CINDMPCallback {
+ public:
+  unsigned int HandleMessagePacket(CNDMPMessagePacket&) override {
+    entered.set();
+    released.wait(kWaitMs);
+    return 0;
+  }
+  VxThreadEvent entered{VxThreadEvent::kManualReset, false};
+  VxThreadEvent released{VxThreadEvent::kManualReset, false};
+};
+
+TEST_F(DataReadExchange, ApplicationRequestCompletesWhileACallbackBlocks) {
+  CBlockingCallback blocking;
+  client.RegisterCallback(&blocking, Code(CNDMPMessageCode::NDMP_NOTIFY_DATA_HALTED));
+  CNDMPNotifyDataHaltedPost halted;
+  ASSERT_EQ(Err(serving->SendMessage(halted, 0)), "NDMP_NO_ERR");
+  ASSERT_EQ(blocking.entered.wait(kWaitMs), 0u);
+  EXPECT_EQ(AskHost(client), "filer-7");
+  blocking.released.set();
+  client.Disconnect();  // the dispatch thread leaves `blocking` before it goes
+}
 
 }  // namespace
 }  // namespace com::vx::korvane::ndmpc
