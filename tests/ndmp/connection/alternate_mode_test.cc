@@ -118,19 +118,23 @@ class AlternateMode : public ::testing::Test {
   CNDMPConnection client{"127.0.0.1", "127.0.0.1", log, peer.port()};
 };
 
-// Texts at and beyond the widths of their fields.
+// Which protection routine the connection finds.
+enum class Routine { kOwn, kDefault, kNone, kFailing };
+
+// Texts at and beyond the widths of their fields, and routines that refuse.
 struct CLoginCase {
   const char* name;
   std::string first;
   std::string second;
   const char* third;
-  bool defaultProtector;  // the routine for every connection instead of this one's
+  Routine routine;
+  const char* refusal;  // logged when the login is not sent, else null
 };
 
 class AlternateModeLogin : public AlternateMode,
                            public ::testing::WithParamInterface<CLoginCase> {};
 
-TEST_P(AlternateModeLogin, HandshakeLoginThenNdmpTraffic) {
+TEST_P(AlternateModeLogin, HandshakeLoginThenNdmpTrafficOrNothing) {
   const CLoginCase& c = GetParam();
   peer.Run(AlternateServer(seen));
   // The default routine is process-wide: it is removed again whatever happens.
@@ -141,10 +145,12 @@ TEST_P(AlternateModeLogin, HandshakeLoginThenNdmpTraffic) {
     ~CDefaultRoutine() { CNDMPConnection::SetDefaultCredentialProtector(nullptr); }
   };
   std::unique_ptr<CDefaultRoutine> defaultRoutine;
-  if (c.defaultProtector) {
+  if (c.routine == Routine::kDefault) {
     defaultRoutine = std::make_unique<CDefaultRoutine>(XorRoutine(lengths));
-  } else {
-    client.SetCredentialProtector(XorRoutine(lengths));
+  }
+  if (c.routine == Routine::kOwn) client.SetCredentialProtector(XorRoutine(lengths));
+  if (c.routine == Routine::kFailing) {
+    client.SetCredentialProtector([](unsigned char*, unsigned int) { return false; });
   }
   testing::CPacketRecorder halted;
   client.RegisterCallback(&halted, CXDREnumBase<CNDMPMessageCode>(
@@ -152,6 +158,16 @@ TEST_P(AlternateModeLogin, HandshakeLoginThenNdmpTraffic) {
 
   ASSERT_EQ(Err(client.PAGConnect()), "NDMP_NO_ERR");
   EXPECT_TRUE(client.IsConnected());
+  if (c.refusal != nullptr) {
+    // Credentials are never sent unprotected: nothing follows the handshake.
+    EXPECT_EQ(Err(client.PAGAuthenticate(c.first.c_str(), c.second.c_str(), c.third)),
+              "NDMP_NOT_AUTHORIZED_ERR");
+    EXPECT_TRUE(log.Contains(testing::HandleTag(&client) + " " + c.refusal)) << c.refusal;
+    client.Disconnect();
+    ASSERT_TRUE(peer.Join());
+    EXPECT_TRUE(seen.login.empty()) << Hex(seen.login);
+    return;
+  }
   ASSERT_EQ(Err(client.PAGAuthenticate(c.first.c_str(), c.second.c_str(), c.third)),
             "NDMP_NO_ERR");
   EXPECT_FALSE(client.IsAuthenticated());
@@ -175,13 +191,17 @@ TEST_P(AlternateModeLogin, HandshakeLoginThenNdmpTraffic) {
 INSTANTIATE_TEST_SUITE_P(
     Texts, AlternateModeLogin,
     ::testing::Values(
-        CLoginCase{"Typical", "operator", "pa55word", "backup-host", false},
+        CLoginCase{"Typical", "operator", "pa55word", "backup-host", Routine::kOwn, nullptr},
         // 60 characters fill the 48-byte field without a terminator; 51 still fit.
         CLoginCase{"LongFirstThird51", std::string(60, 'u'), std::string(30, 'p'),
-                   "012345678901234567890123456789012345678901234567890", false},
+                   "012345678901234567890123456789012345678901234567890", Routine::kOwn, nullptr},
         CLoginCase{"Third52IsNotSent", "op", "pw",
-                   "0123456789012345678901234567890123456789012345678901", false},
-        CLoginCase{"NoThirdWithDefaultRoutine", "", "", nullptr, true}),
+                   "0123456789012345678901234567890123456789012345678901", Routine::kOwn, nullptr},
+        CLoginCase{"NoThirdWithDefaultRoutine", "", "", nullptr, Routine::kDefault, nullptr},
+        CLoginCase{"NoRoutine", "operator", "pw", "host", Routine::kNone,
+                   "No credential protection routine is set; alternate login not sent"},
+        CLoginCase{"RoutineFails", "operator", "pw", "host", Routine::kFailing,
+                   "Credential protection failed; alternate login not sent"}),
     [](const ::testing::TestParamInfo<CLoginCase>& param) { return param.param.name; });
 
 TEST_F(AlternateMode, LoginIsSentOnlyOnAConnectionInTheAlternateMode) {
@@ -235,43 +255,6 @@ TEST_F(AlternateMode, ReconnectedConnectionIdlesWhileNothingArrives) {
   EXPECT_LT(ProcessCpuSeconds() - before, 0.1);
   client.Disconnect();
 }
-
-struct CUnprotectedCase {
-  const char* name;
-  bool failingRoutine;  // else no routine at all
-  const char* logged;
-};
-
-class AlternateModeUnprotected : public AlternateMode,
-                                 public ::testing::WithParamInterface<CUnprotectedCase> {};
-
-TEST_P(AlternateModeUnprotected, CredentialsAreNeverSentUnprotected) {
-  const CUnprotectedCase& c = GetParam();
-  std::vector<unsigned char> afterHandshake = Bytes({0xEE});
-  peer.Run([&afterHandshake](CScriptPeer& p) {
-    p.ReadBytes(8);
-    p.Write(HandshakeAnswer({}));
-    afterHandshake = p.ReadUntilClosed();
-  });
-  if (c.failingRoutine) {
-    client.SetCredentialProtector([](unsigned char*, unsigned int) { return false; });
-  }
-  ASSERT_EQ(Err(client.PAGConnect()), "NDMP_NO_ERR");
-  EXPECT_EQ(Err(client.PAGAuthenticate("operator", "pw", "host")), "NDMP_NOT_AUTHORIZED_ERR");
-  EXPECT_TRUE(log.Contains(testing::HandleTag(&client) + " " + c.logged)) << c.logged;
-  client.Disconnect();
-  ASSERT_TRUE(peer.Join());
-  EXPECT_TRUE(afterHandshake.empty()) << Hex(afterHandshake);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Routines, AlternateModeUnprotected,
-    ::testing::Values(
-        CUnprotectedCase{"NoRoutine", false,
-                         "No credential protection routine is set; alternate login not sent"},
-        CUnprotectedCase{"RoutineFails", true,
-                         "Credential protection failed; alternate login not sent"}),
-    [](const ::testing::TestParamInfo<CUnprotectedCase>& param) { return param.param.name; });
 
 }  // namespace
 }  // namespace com::vx::korvane::ndmpc

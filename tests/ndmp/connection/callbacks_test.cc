@@ -28,17 +28,12 @@ using enums::CNDMPMessageCode;
 using enums::CNDMPMessageType;
 using testing::CCapturingLog;
 
-using Clock = std::chrono::steady_clock;
 using Code = CXDREnumBase<CNDMPMessageCode>;
 using Version = CXDREnumBase<enums::CNDMPProtocolVersion>;
 
 constexpr std::uint32_t kHostInfo = CNDMPMessageCode::NDMP_CONFIG_GET_HOST_INFO;
 constexpr std::uint32_t kTapeInfo = CNDMPMessageCode::NDMP_CONFIG_GET_TAPE_INFO;
 constexpr std::uint32_t kServerInfo = CNDMPMessageCode::NDMP_CONFIG_GET_SERVER_INFO;
-
-double SecondsSince(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
 
 // A reply packet as the receive thread would hand it over.
 std::unique_ptr<CNDMPMessagePacket> MakePacket(std::uint32_t code, std::uint32_t version,
@@ -179,9 +174,10 @@ TEST(DispatchThread, DeliversPacketsQueuedAtTheStopBeforeClosing) {
 
 TEST(BlockingCallbackHandler, WaitsInSecondsAndKeepsItsOwnCopyOfTheLatestPacket) {
   CNDMPBlockingCallbackHandler handler;
-  Clock::time_point start = Clock::now();
+  const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(handler.WaitForMessage(1), VX_WAIT_TIMEOUT);
-  const double waited = SecondsSince(start);
+  const double waited =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   EXPECT_GE(waited, 0.9);
   EXPECT_LT(waited, 10.0);
   {
