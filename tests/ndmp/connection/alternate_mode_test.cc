@@ -115,6 +115,7 @@ class AlternateMode : public ::testing::Test {
   CScriptPeer peer;
   std::vector<unsigned int> lengths;  // of the fields protected
   CLoginSeen seen;
+  testing::CPacketRecorder halted;  // outlives the client that offers it packets
   CNDMPConnection client{"127.0.0.1", "127.0.0.1", log, peer.port()};
 };
 
@@ -152,7 +153,6 @@ TEST_P(AlternateModeLogin, HandshakeLoginThenNdmpTrafficOrNothing) {
   if (c.routine == Routine::kFailing) {
     client.SetCredentialProtector([](unsigned char*, unsigned int) { return false; });
   }
-  testing::CPacketRecorder halted;
   client.RegisterCallback(&halted, CXDREnumBase<CNDMPMessageCode>(
                                        CNDMPMessageCode::NDMP_NOTIFY_DATA_HALTED));
 

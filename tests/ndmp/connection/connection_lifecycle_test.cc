@@ -218,8 +218,8 @@ INSTANTIATE_TEST_SUITE_P(Drives, LifecycleFromCallbacks,
 TEST(ConnectionLifecycle, EarlyPacketsAreHeldBoundedUntilTheApplicationTakesOver) {
   for (bool registers : {false, true}) {
     SCOPED_TRACE(registers ? "registers a callback" : "registers nothing");
+    testing::CPacketRecorder recorder;  // outlives the connection that offers it packets
     CServing s;
-    testing::CPacketRecorder recorder;
     if (registers) s.server.RegisterCallback(&recorder);
     for (std::uint32_t i = 1; i <= 100; ++i) {
       ASSERT_TRUE(

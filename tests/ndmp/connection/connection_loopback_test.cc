@@ -263,6 +263,11 @@ TEST_P(DataReadHandler, AsksTheMoverForTheSameWindowFromInsideTheDispatch) {
   mover = c.answer;
   CResultKeeper keeper(client);
   client.RegisterCallback(&keeper, Code(CNDMPMessageCode::NDMP_NOTIFY_DATA_READ));
+  // However the test ends, the dispatch thread leaves `keeper` before it goes.
+  struct CDisconnectFirst {
+    CNDMPConnection& c;
+    ~CDisconnectFirst() { c.Disconnect(); }
+  } disconnectFirst{client};
   // A window beyond 4 GiB.
   CNDMPNotifyDataReadPost post;
   post.Offset = CNDMPUQuad(0x100001000ull);
@@ -284,7 +289,6 @@ TEST_P(DataReadHandler, AsksTheMoverForTheSameWindowFromInsideTheDispatch) {
   // Bounded far below the handler's own 360 s: a reply must reach it while
   // the dispatch thread is busy inside it.
   EXPECT_EQ(keeper.WaitResult(), c.result);
-  client.Disconnect();  // before `keeper` goes
 }
 
 INSTANTIATE_TEST_SUITE_P(
