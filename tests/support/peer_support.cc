@@ -136,6 +136,18 @@ bool IsHostInfoRequest(const CRawRecord& r) {
          r.header.type == 0;
 }
 
+void ServeHostInfo(CScriptPeer& peer, bool alternate) {
+  if (alternate) {
+    peer.ReadBytes(8);
+    peer.Write(Bytes({0, 0, 0x53, 0, 0, 0, 0, 0}));
+  } else {
+    AnswerOpen(peer);
+  }
+  for (CRawRecord r = peer.ReadRecord(); r.complete; r = peer.ReadRecord()) {
+    peer.Write(ReplyRecord(r.header, HostInfoBody()));
+  }
+}
+
 std::string AskHost(CNDMPConnection& c, unsigned int timeout) {
   CNDMPConfigGetHostInfoRequest request;
   CNDMPMessage* reply = nullptr;
@@ -254,91 +266,6 @@ void CScriptPeer::Reset() {
   linger abort{1, 0};
   ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof(abort));
   ::close(fd);
-}
-
-// ---------------------------------------------------------------------------
-
-CServingSide::CServingSide(VxLog& log) : log_(log) {
-  if (listener_.listen("127.0.0.1", 0) == 0) port_ = listener_.port();
-}
-
-CServingSide::~CServingSide() { Stop(); }
-
-void CServingSide::Start(Responder responder) {
-  server_ = std::thread([this, responder = std::move(responder)] {
-    VxTcpSocket accepted;
-    if (listener_.accept(accepted, kWaitMs) != 0) return;
-    const int client = accepted.release();
-    inner_ = std::make_unique<CLoopbackTcp>();
-    if (!inner_->ok()) {
-      ::close(client);
-      return;
-    }
-    auto* serving = new CNDMPConnection(inner_->socket, log_);
-    serving->StartServerMode();
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      connection_ = serving;
-    }
-    ready_.notify_all();
-    relay_ = std::thread(&CServingSide::Relay, this, client, inner_->peer);
-
-    CNDMPMessagePacketQueue& queue = serving->GetPacketQueue();
-    while (!stopping_.load()) {
-      if (queue.GetFilledSize() == 0) {
-        queue.WaitForPacket(50);
-        continue;
-      }
-      CNDMPMessagePacket* packet = nullptr;
-      if (queue.GetNextPacket(packet)) {
-        responder(*serving, *packet);
-        delete packet;
-      }
-    }
-  });
-}
-
-CNDMPConnection* CServingSide::WaitConnection(int timeoutMs) {
-  std::unique_lock<std::mutex> lock(mutex_);
-  ready_.wait_for(lock, std::chrono::milliseconds(timeoutMs),
-                  [this] { return connection_ != nullptr; });
-  return connection_;
-}
-
-void CServingSide::Stop() {
-  stopping_.store(true);
-  listener_.close();
-  if (server_.joinable()) server_.join();
-  if (relay_.joinable()) relay_.join();
-  CNDMPConnection* serving = nullptr;
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    std::swap(serving, connection_);
-  }
-  delete serving;
-  inner_.reset();
-}
-
-void CServingSide::Relay(int client, int inner) {
-  pollfd fds[2] = {{client, POLLIN, 0}, {inner, POLLIN, 0}};
-  const int to[2] = {inner, client};
-  unsigned char buffer[16384];
-  while (!stopping_.load() && (fds[0].fd >= 0 || fds[1].fd >= 0)) {
-    int r = ::poll(fds, 2, 50);
-    if (r < 0 && errno != EINTR) break;
-    if (r <= 0) continue;
-    for (int i = 0; i < 2; ++i) {
-      if (fds[i].fd < 0 || fds[i].revents == 0) continue;
-      ssize_t n = ::recv(fds[i].fd, buffer, sizeof(buffer), 0);
-      if (n < 0 && errno == EINTR) continue;
-      if (n > 0 && SendAll(to[i], buffer, static_cast<std::size_t>(n))) continue;
-      // End of data (or a failure) on one side: pass the end on to the other.
-      ::shutdown(to[i], SHUT_WR);
-      fds[i].fd = -1;
-    }
-  }
-  ::shutdown(client, SHUT_RDWR);
-  ::close(client);
 }
 
 }  // namespace com::vx::korvane::ndmpc::testing

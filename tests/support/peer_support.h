@@ -12,9 +12,7 @@
 //   });
 //   CNDMPConnection c("127.0.0.1", "127.0.0.1", log, peer.port());
 //
-// CServingSide is our own serving side: a CNDMPConnection built from the
-// accepted socket, in server mode, answering each request from its packet
-// queue with a responder the test gives.
+// Our own serving side is CServingPeer (tests/ndmp/helpers/serving_peer.h).
 //
 // Every wait here is bounded (kWaitMs); destroying a peer ends its threads.
 #pragma once
@@ -70,8 +68,13 @@ std::vector<unsigned char> ReplyRecord(const CRawHeader& request,
 std::vector<unsigned char> PostRecord(std::uint32_t code, const std::vector<unsigned char>& body,
                                       std::uint32_t sequence = 500);
 
+class CScriptPeer;
+
 // The body of an NDMP_CONFIG_GET_HOST_INFO reply naming `host`.
 std::vector<unsigned char> HostInfoBody(const std::string& host = "filer-7");
+// Answers NDMP_CONNECT_OPEN (with `alternate`, the alternate handshake
+// instead), then every request with HostInfoBody(), until the client closes.
+void ServeHostInfo(CScriptPeer& peer, bool alternate = false);
 // Sends NDMP_CONFIG_GET_HOST_INFO on `c`; the host named in the reply, or
 // the error's name.
 std::string AskHost(CNDMPConnection& c, unsigned int timeout = 10);
@@ -105,8 +108,6 @@ class CPacketRecorder : public CINDMPCallback {
   std::vector<std::uint32_t> versions_;                       // guarded by mutex_
 };
 
-class CScriptPeer;
-struct CRawRecord;
 // True for a complete NDMP_CONFIG_GET_HOST_INFO request.
 bool IsHostInfoRequest(const CRawRecord& r);
 // Reads the client's NDMP_CONNECT_OPEN and answers it with `error` in the
@@ -154,42 +155,6 @@ class CScriptPeer {
   std::condition_variable changed_;
   bool finished_ = false;  // guarded by mutex_
   std::thread thread_;
-};
-
-// Our own serving side. The client's bytes reach the serving connection
-// through a relay that starts only once the connection is in server mode,
-// so that no request can be dispatched before its collector is registered.
-class CServingSide {
- public:
-  // Called on the peer's thread for every received packet, in order.
-  using Responder = std::function<void(CNDMPConnection& serving, CNDMPMessagePacket& packet)>;
-
-  explicit CServingSide(VxLog& log);
-  ~CServingSide();
-  CServingSide(const CServingSide&) = delete;
-  CServingSide& operator=(const CServingSide&) = delete;
-
-  unsigned int port() const { return port_; }
-  // Accepts one client and serves it with `responder` on the peer's thread.
-  void Start(Responder responder);
-  // Waits (bounded) until the serving connection exists; null if it never did.
-  CNDMPConnection* WaitConnection(int timeoutMs = kWaitMs);
-  // Stops serving, destroys the serving connection, ends the relay.
-  void Stop();
-
- private:
-  void Relay(int client, int inner);
-
-  VxLog& log_;
-  VxTcpListener listener_;
-  unsigned int port_ = 0;
-  std::atomic<bool> stopping_{false};
-  std::mutex mutex_;
-  std::condition_variable ready_;
-  CNDMPConnection* connection_ = nullptr;  // guarded by mutex_
-  std::unique_ptr<CLoopbackTcp> inner_;
-  std::thread server_;
-  std::thread relay_;
 };
 
 }  // namespace com::vx::korvane::ndmpc::testing

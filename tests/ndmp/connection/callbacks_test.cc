@@ -7,10 +7,11 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "ndmpc/ndmp/connection/callbacks.h"
@@ -18,7 +19,6 @@
 #include "ndmpc/ndmp/connection/message_threads.h"
 #include "ndmpc/ndmp/connection/packet_queue.h"
 #include "ndmpc/ndmp/messages/connect_config_messages.h"
-#include "tests/support/peer_support.h"
 #include "tests/support/wire_support.h"
 
 namespace com::vx::korvane::ndmpc {
@@ -26,20 +26,14 @@ namespace {
 
 using enums::CNDMPMessageCode;
 using enums::CNDMPMessageType;
-using enums::CNDMPProtocolVersion;
 using testing::CCapturingLog;
 
-using Clock = std::chrono::steady_clock;
 using Code = CXDREnumBase<CNDMPMessageCode>;
-using Version = CXDREnumBase<CNDMPProtocolVersion>;
+using Version = CXDREnumBase<enums::CNDMPProtocolVersion>;
 
 constexpr std::uint32_t kHostInfo = CNDMPMessageCode::NDMP_CONFIG_GET_HOST_INFO;
 constexpr std::uint32_t kTapeInfo = CNDMPMessageCode::NDMP_CONFIG_GET_TAPE_INFO;
 constexpr std::uint32_t kServerInfo = CNDMPMessageCode::NDMP_CONFIG_GET_SERVER_INFO;
-
-double SecondsSince(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
 
 // A reply packet as the receive thread would hand it over.
 std::unique_ptr<CNDMPMessagePacket> MakePacket(std::uint32_t code, std::uint32_t version,
@@ -53,19 +47,23 @@ std::unique_ptr<CNDMPMessagePacket> MakePacket(std::uint32_t code, std::uint32_t
   return packet;
 }
 
-// Appends its name to a shared list for every packet it is offered.
+// Appends its name to a shared list for every packet it is offered; runs
+// `then` after the first.
 class CNamedHandler : public CINDMPCallback {
  public:
-  CNamedHandler(std::string name, std::vector<std::string>& calls)
-      : name_(std::move(name)), calls_(calls) {}
+  CNamedHandler(std::string name, std::vector<std::string>& calls,
+                std::function<void()> then = nullptr)
+      : name_(std::move(name)), calls_(calls), then_(std::move(then)) {}
   unsigned int HandleMessagePacket(CNDMPMessagePacket&) override {
     calls_.push_back(name_);
+    if (then_) std::exchange(then_, nullptr)();
     return 1;  // a failure value: it must not stop the offer
   }
 
  private:
   std::string name_;
   std::vector<std::string>& calls_;
+  std::function<void()> then_;
 };
 
 struct CDispatchCase {
@@ -97,9 +95,7 @@ TEST(CallbackTable, OffersEachPacketToEveryMatchingRegistrationInOrder) {
       {kTapeInfo, 3, 5, {"all"}},
   };
   for (const CDispatchCase& c : cases) {
-    SCOPED_TRACE(testing::Hex(testing::Bytes({static_cast<int>(c.code >> 8),
-                                              static_cast<int>(c.version),
-                                              static_cast<int>(c.replySequence)})));
+    SCOPED_TRACE(::testing::Message() << c.code << " v" << c.version << " #" << c.replySequence);
     calls.clear();
     auto packet = MakePacket(c.code, c.version, c.replySequence);
     EXPECT_EQ(table.DispatchPacket(*packet), 0);
@@ -107,55 +103,26 @@ TEST(CallbackTable, OffersEachPacketToEveryMatchingRegistrationInOrder) {
   }
 }
 
-TEST(CallbackTable, UnregisterRemovesOnlyItsOwnRegistrations) {
+TEST(CallbackTable, RegistrationsChangeOnlyTheirOwnTableEvenWhileDispatching) {
   CNDMPCallbackRegistrationTable table, other;
   std::vector<std::string> calls;
-  CNamedHandler mine("mine", calls), theirs("theirs", calls);
-  CNDMPCallbackRegistration* r = table.RegisterCallback(&mine);
+  CNamedHandler late("late", calls), theirs("theirs", calls);
+  CNamedHandler registering("registering", calls, [&] { table.RegisterCallback(&late); });
+  CNDMPCallbackRegistration* mine = table.RegisterCallback(&registering);
   CNDMPCallbackRegistration* foreign = other.RegisterCallback(&theirs);
+  auto packet = MakePacket(kHostInfo, 4, 0);
+  // The count is read again at every step, so an entry registered by a
+  // handler sees the packet being dispatched too.
+  table.DispatchPacket(*packet);
+  EXPECT_EQ(calls, (std::vector<std::string>{"registering", "late"}));
 
   EXPECT_FALSE(table.UnregisterCallback(nullptr));
   EXPECT_FALSE(table.UnregisterCallback(foreign));
-  auto packet = MakePacket(kHostInfo, 4, 0);
-  other.DispatchPacket(*packet);
-  EXPECT_EQ(calls, std::vector<std::string>{"theirs"});
-
-  EXPECT_TRUE(table.UnregisterCallback(r));
+  EXPECT_TRUE(table.UnregisterCallback(mine));
   calls.clear();
   table.DispatchPacket(*packet);
-  EXPECT_TRUE(calls.empty());
-}
-
-// Registers a further handler on the same table from inside the dispatch.
-class CRegisteringHandler : public CINDMPCallback {
- public:
-  CRegisteringHandler(CNDMPCallbackRegistrationTable& table, CINDMPCallback& late,
-                      std::vector<std::string>& calls)
-      : table_(table), late_(late), calls_(calls) {}
-  unsigned int HandleMessagePacket(CNDMPMessagePacket&) override {
-    calls_.push_back("registering");
-    if (!done_) table_.RegisterCallback(&late_);
-    done_ = true;
-    return 0;
-  }
-
- private:
-  CNDMPCallbackRegistrationTable& table_;
-  CINDMPCallback& late_;
-  std::vector<std::string>& calls_;
-  bool done_ = false;
-};
-
-TEST(CallbackTable, HandlerMayRegisterOnTheSameTableWhileDispatching) {
-  CNDMPCallbackRegistrationTable table;
-  std::vector<std::string> calls;
-  CNamedHandler late("late", calls);
-  CRegisteringHandler registering(table, late, calls);
-  table.RegisterCallback(&registering);
-  auto packet = MakePacket(kHostInfo, 4, 0);
-  table.DispatchPacket(*packet);
-  // The count is read again at every step, so the new entry sees this packet too.
-  EXPECT_EQ(calls, (std::vector<std::string>{"registering", "late"}));
+  other.DispatchPacket(*packet);
+  EXPECT_EQ(calls, (std::vector<std::string>{"late", "theirs"}));
 }
 
 // Blocks on its first packet until released; logs every packet it gets.
@@ -207,9 +174,10 @@ TEST(DispatchThread, DeliversPacketsQueuedAtTheStopBeforeClosing) {
 
 TEST(BlockingCallbackHandler, WaitsInSecondsAndKeepsItsOwnCopyOfTheLatestPacket) {
   CNDMPBlockingCallbackHandler handler;
-  Clock::time_point start = Clock::now();
+  const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(handler.WaitForMessage(1), VX_WAIT_TIMEOUT);
-  const double waited = SecondsSince(start);
+  const double waited =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   EXPECT_GE(waited, 0.9);
   EXPECT_LT(waited, 10.0);
   {
@@ -235,18 +203,30 @@ TEST(BlockingCallbackHandler, WaitsInSecondsAndKeepsItsOwnCopyOfTheLatestPacket)
   EXPECT_EQ(handler.GetReceivedPacket().GetMessage(), nullptr);
 }
 
-TEST(PacketQueue, PutSetsTheEventAndTakingTheLastResetsIt) {
+TEST(PacketQueue, CollectorQueuesCopiesAndTheEventFollowsTheFill) {
   CNDMPMessagePacketQueue queue;
+  CNDMPMessagePacketCollector collector(queue);
   EXPECT_EQ(queue.WaitForPacket(10), VX_WAIT_TIMEOUT);
-  EXPECT_EQ(queue.PutMessagePacket(*MakePacket(kHostInfo, 4, 1).release()), 1);
-  EXPECT_EQ(queue.PutMessagePacket(*MakePacket(kHostInfo, 4, 2).release()), 2);
+  {
+    auto packet = MakePacket(kHostInfo, 4, 1);
+    CNDMPConfigGetHostInfoReply body;
+    body.hostname = "copied";
+    packet->SetMessage(body);
+    EXPECT_EQ(collector.HandleMessagePacket(*packet), 1u);
+    packet->GetHeader().ReplySequence = 2;
+    EXPECT_EQ(collector.HandleMessagePacket(*packet), 2u);
+  }
   EXPECT_EQ(queue.GetFilledSize(), 2u);
   EXPECT_EQ(queue.WaitForPacket(10), 0u);
 
+  // The offered packet is gone; the copies live on, in order.
   CNDMPMessagePacket* p = nullptr;
   ASSERT_TRUE(queue.GetNextPacket(p));
   std::unique_ptr<CNDMPMessagePacket> first(p);
   EXPECT_EQ(first->GetHeader().ReplySequence.getInt32(), 1u);
+  auto* body = dynamic_cast<CNDMPConfigGetHostInfoReply*>(first->GetMessage());
+  ASSERT_NE(body, nullptr);
+  EXPECT_EQ(body->hostname.GetString(), "copied");
   EXPECT_EQ(queue.WaitForPacket(10), 0u);  // one left: still set
   ASSERT_TRUE(queue.GetNextPacket(p));
   std::unique_ptr<CNDMPMessagePacket> second(p);
@@ -256,9 +236,8 @@ TEST(PacketQueue, PutSetsTheEventAndTakingTheLastResetsIt) {
   CNDMPMessagePacket* untouched = second.get();
   EXPECT_FALSE(queue.GetNextPacket(untouched));
   EXPECT_EQ(untouched, second.get());
-
   // Packets still queued belong to the queue and go with it.
-  queue.PutMessagePacket(*MakePacket(kHostInfo, 4, 3).release());
+  collector.HandleMessagePacket(*first);
 }
 
 TEST(PacketQueue, ConsumerOnAnotherThreadGetsEveryPacketInOrder) {
@@ -285,26 +264,6 @@ TEST(PacketQueue, ConsumerOnAnotherThreadGetsEveryPacketInOrder) {
   EXPECT_EQ(firstWait, 0u);
   ASSERT_EQ(got.size(), kCount);
   for (std::uint32_t i = 0; i < kCount; ++i) ASSERT_EQ(got[i], i + 1);
-}
-
-TEST(PacketCollector, QueuesIndependentCopies) {
-  CNDMPMessagePacketQueue queue;
-  CNDMPMessagePacketCollector collector(queue);
-  {
-    auto packet = MakePacket(kHostInfo, 4, 3);
-    CNDMPConfigGetHostInfoReply body;
-    body.hostname = "copied";
-    packet->SetMessage(body);
-    EXPECT_EQ(collector.HandleMessagePacket(*packet), 1u);
-    EXPECT_EQ(collector.HandleMessagePacket(*packet), 2u);
-  }
-  CNDMPMessagePacket* p = nullptr;
-  ASSERT_TRUE(queue.GetNextPacket(p));
-  std::unique_ptr<CNDMPMessagePacket> copy(p);
-  EXPECT_EQ(copy->GetHeader().ReplySequence.getInt32(), 3u);
-  auto* body = dynamic_cast<CNDMPConfigGetHostInfoReply*>(copy->GetMessage());
-  ASSERT_NE(body, nullptr);
-  EXPECT_EQ(body->hostname.GetString(), "copied");
 }
 
 // What the log handler writes for one packet.

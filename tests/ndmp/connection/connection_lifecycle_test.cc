@@ -1,6 +1,7 @@
-// A connection's identity and lifecycle without a server: copies, the
-// address setters, Disconnect and sends on an idle connection, and connects
-// that find nobody listening.
+// A connection's lifecycle: copies, the address setters, Disconnect and sends
+// on an idle connection, connects that find nobody, reconnects, the
+// lifecycle driven from callbacks, the serving side's early packets, and
+// failures of the log or of writes at awkward moments.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
@@ -20,64 +21,49 @@
 namespace com::vx::korvane::ndmpc {
 namespace {
 
-using testing::AskHost;
-using testing::HostInfoBody;
-
 using enums::CNDMPError;
 using enums::CNDMPMessageCode;
 using testing::AnswerOpen;
+using testing::AskHost;
 using testing::CCapturingLog;
-using testing::CLoopbackTcp;
-using testing::CRawHeader;
 using testing::CRawRecord;
 using testing::CScriptPeer;
 using testing::HandleTag;
+using testing::HostInfoBody;
 using testing::kWaitMs;
 using testing::PostRecord;
 using testing::ReplyRecord;
-using testing::XdrString;
+using testing::ServeHostInfo;
 using testing::XdrU32;
 
 std::string Err(const CXDREnumBase<CNDMPError>& error) { return error.ToString(); }
 
-TEST(ConnectionLifecycle, CopyOfAnIdleConnectionStartsItsOwnSequence) {
+TEST(ConnectionLifecycle, IdleConnectionCopiesSetsAddressesAndRefusesToSend) {
   CCapturingLog log;
   CNDMPConnection source("filer1", "192.0.2.7", log, 10000);
   EXPECT_EQ(source.GetNextSequence(), 1u);
   EXPECT_EQ(source.GetNextSequence(), 2u);
+  // A copy starts its own sequence.
+  CNDMPConnection c(source);
+  EXPECT_EQ(c.GetNextSequence(), 1u);
   EXPECT_EQ(source.GetNextSequence(), 3u);
-
-  CNDMPConnection copy(source);
-  EXPECT_EQ(copy.GetNextSequence(), 1u);
-  EXPECT_EQ(source.GetNextSequence(), 4u);
-  EXPECT_EQ(std::string(copy.GetHostName()), "filer1");
-  EXPECT_EQ(std::string(copy.GetIPAddress()), "192.0.2.7");
-  EXPECT_EQ(copy.GetPort(), 10000u);
-  EXPECT_FALSE(copy.IsConnected());
-  EXPECT_FALSE(copy.IsAuthenticated());
-  EXPECT_EQ(copy.getSocket(), nullptr);
-  EXPECT_EQ(copy.GetProtocolVersion().getInt32(), 4u);
-}
-
-TEST(ConnectionLifecycle, AddressSettersDifferOnPurpose) {
-  CCapturingLog log;
-  CNDMPConnection c("", "", log, 0);
+  EXPECT_EQ(std::string(c.GetHostName()), "filer1");
+  EXPECT_EQ(std::string(c.GetIPAddress()), "192.0.2.7");
+  EXPECT_EQ(c.GetPort(), 10000u);
+  EXPECT_EQ(c.GetProtocolVersion().getInt32(), 4u);
+  // The address setters differ on purpose: of the address only the first
+  // character's value is assigned.
   EXPECT_EQ(std::string(c.SetHostName("filer2.example")), "filer2.example");
   EXPECT_EQ(std::string(c.GetHostName()), "filer2.example");
-  // Only the first character's value is assigned.
   EXPECT_EQ(std::string(c.SetIPAddress("10.1.2.3")), "1");
   EXPECT_EQ(std::string(c.GetIPAddress()), "1");
   EXPECT_EQ(c.SetPort(10001), 10001u);
   EXPECT_EQ(c.GetPort(), 10001u);
-}
 
-TEST(ConnectionLifecycle, IdleConnectionDisconnectsAndRefusesToSend) {
-  CCapturingLog log;
-  CNDMPConnection c("filer1", "192.0.2.7", log, 10000);
   EXPECT_EQ(Err(c.Disconnect()), "NDMP_NO_ERR");
   EXPECT_EQ(Err(c.Disconnect()), "NDMP_NO_ERR");
   EXPECT_FALSE(c.IsConnected());
-
+  EXPECT_EQ(c.getSocket(), nullptr);
   CNDMPConfigGetHostInfoRequest request;
   CNDMPMessage* reply = nullptr;
   EXPECT_EQ(Err(c.SendMessage(request, &reply, 1)), "NDMP_CONNECT_ERR");
@@ -87,78 +73,55 @@ TEST(ConnectionLifecycle, IdleConnectionDisconnectsAndRefusesToSend) {
   EXPECT_EQ(c.GetPacketQueue().GetFilledSize(), 0u);
 }
 
-// Connects that find nobody listening, by host name and then by address.
-class ConnectionRefused : public ::testing::TestWithParam<bool> {};
-
-TEST_P(ConnectionRefused, ReportsConnectError) {
-  const bool alternate = GetParam();
-  unsigned int port;
-  {
-    VxTcpListener listener;  // a port that was free a moment ago
-    ASSERT_EQ(listener.listen("127.0.0.1", 0), 0u);
-    port = listener.port();
+// Connects that find nobody listening, in both modes.
+TEST(ConnectionLifecycle, ConnectToNobodyReportsConnectError) {
+  for (bool alternate : {false, true}) {
+    SCOPED_TRACE(alternate ? "PAGConnect" : "Connect");
+    unsigned int port;
+    {
+      VxTcpListener listener;  // a port that was free a moment ago
+      ASSERT_EQ(listener.listen("127.0.0.1", 0), 0u);
+      port = listener.port();
+    }
+    CCapturingLog log;
+    CNDMPConnection c("127.0.0.1", "127.0.0.1", log, port);
+    EXPECT_EQ(Err(alternate ? c.PAGConnect() : c.Connect()), "NDMP_CONNECT_ERR");
+    EXPECT_FALSE(c.IsConnected());
+    EXPECT_TRUE(log.Contains("CNDMPConnection using Hostname=127.0.0.1, IPAddress=127.0.0.1, "
+                             "PortNumber=" + std::to_string(port)));
+    EXPECT_TRUE(log.Contains(HandleTag(&c) + " Failed to establish connection"));
+    EXPECT_EQ(Err(c.Disconnect()), "NDMP_NO_ERR");
   }
-  CCapturingLog log;
-  CNDMPConnection c("127.0.0.1", "127.0.0.1", log, port);
-  EXPECT_EQ(Err(alternate ? c.PAGConnect() : c.Connect()), "NDMP_CONNECT_ERR");
-  EXPECT_FALSE(c.IsConnected());
-  EXPECT_TRUE(log.Contains("CNDMPConnection using Hostname=127.0.0.1, IPAddress=127.0.0.1, "
-                           "PortNumber=" + std::to_string(port)));
-  EXPECT_TRUE(log.Contains(HandleTag(&c) + " Failed to establish connection"));
-  EXPECT_EQ(Err(c.Disconnect()), "NDMP_NO_ERR");
 }
-
-INSTANTIATE_TEST_SUITE_P(Modes, ConnectionRefused, ::testing::Bool(),
-                         [](const ::testing::TestParamInfo<bool>& param) {
-                           return param.param ? "PAGConnect" : "Connect";
-                         });
 
 // ---- Lifecycle under stress: reconnects, callbacks, hostile timing ----
-
-// A peer that answers the open (or the alternate handshake), then every
-// host-information request with "filer".
-void AnswerAll(CScriptPeer& p, bool alternate) {
-  if (alternate) {
-    p.ReadBytes(8);
-    p.Write(testing::Bytes({0, 0, 0x53, 0, 0, 0, 0, 0}));
-  } else {
-    AnswerOpen(p);
-  }
-  for (CRawRecord r = p.ReadRecord(); r.complete; r = p.ReadRecord()) {
-    p.Write(ReplyRecord(r.header, HostInfoBody("filer")));
-  }
-}
 
 // A serving-side connection, threads running, not yet connected.
 struct CServing {
   CCapturingLog log;
-  CLoopbackTcp tcp;
+  testing::CLoopbackTcp tcp;
   CNDMPConnection server{tcp.socket, log};
 };
 
-class ReconnectServingSide : public ::testing::TestWithParam<bool> {};
-
-TEST_P(ReconnectServingSide, StopsWhatRunsBeforeConnectingAnew) {
-  const bool alternate = GetParam();
-  CServing s;
-  ASSERT_TRUE(s.tcp.peer >= 0);
-  CScriptPeer peer;
-  peer.Run([alternate](CScriptPeer& p) { AnswerAll(p, alternate); });
-  s.server.SetPort(peer.port());
-  ASSERT_EQ(Err(alternate ? s.server.PAGConnect() : s.server.Connect()), "NDMP_NO_ERR");
-  if (!alternate) {
-    EXPECT_EQ(AskHost(s.server), "filer");
+// A serving-side connection that connects elsewhere stops what runs first.
+TEST(ConnectionLifecycle, ReconnectedServingSideStopsWhatRunsBeforeConnectingAnew) {
+  for (bool alternate : {false, true}) {
+    SCOPED_TRACE(alternate ? "PAGConnect" : "Connect");
+    CServing s;
+    ASSERT_TRUE(s.tcp.peer >= 0);
+    CScriptPeer peer;
+    peer.Run([alternate](CScriptPeer& p) { ServeHostInfo(p, alternate); });
+    s.server.SetPort(peer.port());
+    ASSERT_EQ(Err(alternate ? s.server.PAGConnect() : s.server.Connect()), "NDMP_NO_ERR");
+    if (!alternate) {
+      EXPECT_EQ(AskHost(s.server), "filer-7");
+    }
+    // The accepted connection was shut down, not left to a running reader.
+    EXPECT_TRUE(s.tcp.PeerReadAll().empty());
+    s.server.Disconnect();
+    EXPECT_TRUE(peer.Join());
   }
-  // The accepted connection was shut down, not left to a running reader.
-  EXPECT_TRUE(s.tcp.PeerReadAll().empty());
-  s.server.Disconnect();
-  EXPECT_TRUE(peer.Join());
 }
-
-INSTANTIATE_TEST_SUITE_P(Modes, ReconnectServingSide, ::testing::Bool(),
-                         [](const ::testing::TestParamInfo<bool>& param) {
-                           return param.param ? "PAGConnect" : "Connect";
-                         });
 
 // Runs an action once, on the dispatch thread, for the first packet offered.
 class CActionCallback : public CINDMPCallback {
@@ -207,7 +170,7 @@ TEST_P(LifecycleFromCallbacks, NeverWaitsForItself) {
     p.Write(PostRecord(CNDMPMessageCode::NDMP_NOTIFY_DATA_HALTED, XdrU32(1)));
     p.ReadUntilClosed();
   });
-  if (drive == Drive::kConnectInCallback) second.Run([](CScriptPeer& p) { AnswerAll(p, false); });
+  if (drive == Drive::kConnectInCallback) second.Run([](CScriptPeer& p) { ServeHostInfo(p); });
   auto* c = new CNDMPConnection("127.0.0.1", "127.0.0.1", log, first.port());
   std::promise<void> gate;
   std::shared_future<void> opened = gate.get_future().share();
@@ -239,7 +202,7 @@ TEST_P(LifecycleFromCallbacks, NeverWaitsForItself) {
   if (drive == Drive::kDestroyInCallback) return;
   EXPECT_EQ(c->IsConnected(), drive == Drive::kConnectInCallback);
   if (drive == Drive::kConnectInCallback) {
-    EXPECT_EQ(AskHost(*c), "filer");
+    EXPECT_EQ(AskHost(*c), "filer-7");
   }
   delete c;
 }
@@ -249,31 +212,36 @@ INSTANTIATE_TEST_SUITE_P(Drives, LifecycleFromCallbacks,
                                            Drive::kConnectInCallback, Drive::kDestroyInCallback,
                                            Drive::kDisconnectBesideBlockedCallback));
 
-// The serving side holds early packets only until the application takes
-// over with a callback, and never more than the limit.
-class EarlyHolding : public ::testing::TestWithParam<bool> {};
-
-TEST_P(EarlyHolding, IsBoundedAndEndsWithTheFirstCallback) {
-  const bool registers = GetParam();
-  CServing s;
-  testing::CPacketRecorder recorder;
-  if (registers) s.server.RegisterCallback(&recorder);
-  for (int i = 0; i < 100; ++i) {
-    ASSERT_TRUE(s.tcp.PeerWrite(PostRecord(CNDMPMessageCode::NDMP_NOTIFY_DATA_HALTED, XdrU32(1))));
+// The serving side holds what arrives before StartServerMode, in order,
+// until the application takes over with a callback, and never more than
+// the limit.
+TEST(ConnectionLifecycle, EarlyPacketsAreHeldBoundedUntilTheApplicationTakesOver) {
+  for (bool registers : {false, true}) {
+    SCOPED_TRACE(registers ? "registers a callback" : "registers nothing");
+    testing::CPacketRecorder recorder;  // outlives the connection that offers it packets
+    CServing s;
+    if (registers) s.server.RegisterCallback(&recorder);
+    for (std::uint32_t i = 1; i <= 100; ++i) {
+      ASSERT_TRUE(
+          s.tcp.PeerWrite(PostRecord(CNDMPMessageCode::NDMP_NOTIFY_DATA_HALTED, XdrU32(1), i)));
+    }
+    // Dispatched in order: once the last one is logged, all went by.
+    ASSERT_TRUE(s.tcp.PeerWrite(
+        PostRecord(CNDMPMessageCode::NDMP_NOTIFY_CONNECTION_STATUS,
+                   testing::Concat({XdrU32(0), XdrU32(4), testing::XdrString("")}))));
+    ASSERT_TRUE(s.log.WaitFor("Received Message NDMP_NOTIFY_CONNECTION_STATUS"));
+    CNDMPMessagePacketQueue& queue = s.server.GetPacketQueue();
+    EXPECT_EQ(queue.GetFilledSize(), 0u);
+    s.server.StartServerMode();
+    EXPECT_EQ(queue.GetFilledSize(), registers ? 0u : CNDMPConnection::kEarlyPacketLimit);
+    EXPECT_EQ(recorder.WaitFor(registers ? 101 : 0), registers ? 101u : 0u);
+    CNDMPMessagePacket* p = nullptr;
+    for (std::uint32_t i = 1; queue.GetNextPacket(p); ++i) {
+      std::unique_ptr<CNDMPMessagePacket> held(p);
+      ASSERT_EQ(held->GetHeader().Sequence.getInt32(), i);
+    }
   }
-  // Dispatched in order: once the last one is logged, all went by.
-  ASSERT_TRUE(s.tcp.PeerWrite(PostRecord(CNDMPMessageCode::NDMP_NOTIFY_CONNECTION_STATUS,
-                                         testing::Concat({XdrU32(0), XdrU32(4), XdrString("")}))));
-  ASSERT_TRUE(s.log.WaitFor("Received Message NDMP_NOTIFY_CONNECTION_STATUS"));
-  s.server.StartServerMode();
-  EXPECT_EQ(s.server.GetPacketQueue().GetFilledSize(),
-            registers ? 0u : CNDMPConnection::kEarlyPacketLimit);
 }
-
-INSTANTIATE_TEST_SUITE_P(Application, EarlyHolding, ::testing::Bool(),
-                         [](const ::testing::TestParamInfo<bool>& param) {
-                           return param.param ? "RegistersACallback" : "RegistersNothing";
-                         });
 
 // A log whose flush throws once, on the thread that armed it.
 class CThrowingLog : public CCapturingLog {
@@ -301,7 +269,7 @@ TEST(ConnectionLifecycle, ReplyWaiterGoesWhenTheLogThrows) {
     // The request that threw never left: answer it late (and wait until it
     // went through), then the next one.
     CRawRecord next = p.ReadRecord();
-    CRawHeader lost = next.header;
+    testing::CRawHeader lost = next.header;
     --lost.sequence;
     p.Write(ReplyRecord(lost, HostInfoBody("stale")));
     log.WaitFor("Received Message NDMP_CONFIG_GET_HOST_INFO");
@@ -350,32 +318,25 @@ TEST(ConnectionLifecycle, SendsDuringConnectWaitForTheOpen) {
 // Replies whose record cannot be written were made all the same: the
 // result and the flags follow the reply, and the failure is logged.
 TEST(ConnectionLifecycle, RepliesAfterAFailedWriteCountAndAreLogged) {
-  struct CCase {
-    const char* name;
-    std::function<CXDREnumBase<CNDMPError>(CNDMPConnection&)> send;
+  CNDMPConnectOpenReply open;
+  CNDMPConnectClientAuthReply auth;
+  const struct {
+    CNDMPMessage* reply;  // null: a bare header with an error
     bool connected, authenticated;
-  };
-  const CCase cases[] = {
-      {"open", [](CNDMPConnection& c) {
-         CNDMPConnectOpenReply reply;
-         return c.SendMessage(reply, 1);
-       }, true, false},
-      {"auth", [](CNDMPConnection& c) {
-         CNDMPConnectClientAuthReply reply;
-         return c.SendMessage(reply, 1);
-       }, false, true},
-      {"error", [](CNDMPConnection& c) {
-         return c.SendNDMPError(
-             CXDREnumBase<enums::CNDMPMessageType>(enums::CNDMPMessageType::NDMP_MESSAGE_REPLY),
-             CXDREnumBase<CNDMPMessageCode>(CNDMPMessageCode::NDMP_CONFIG_GET_HOST_INFO),
-             CXDREnumBase<CNDMPError>(CNDMPError::NDMP_NOT_SUPPORTED_ERR), 1);
-       }, false, false},
-  };
-  for (const CCase& k : cases) {
-    SCOPED_TRACE(k.name);
+  } cases[] = {{&open, true, false}, {&auth, false, true}, {nullptr, false, false}};
+  for (const auto& k : cases) {
+    SCOPED_TRACE(&k - cases);
     CServing s;
     ASSERT_EQ(::shutdown(s.server.getSocket()->descriptor(), SHUT_WR), 0);
-    EXPECT_EQ(Err(k.send(s.server)), "NDMP_NO_ERR");
+    EXPECT_EQ(
+        Err(k.reply != nullptr
+                ? s.server.SendMessage(*k.reply, 1)
+                : s.server.SendNDMPError(
+                      CXDREnumBase<enums::CNDMPMessageType>(
+                          enums::CNDMPMessageType::NDMP_MESSAGE_REPLY),
+                      CXDREnumBase<CNDMPMessageCode>(CNDMPMessageCode::NDMP_CONFIG_GET_HOST_INFO),
+                      CXDREnumBase<CNDMPError>(CNDMPError::NDMP_NOT_SUPPORTED_ERR), 1)),
+        "NDMP_NO_ERR");
     EXPECT_EQ(s.server.IsConnected(), k.connected);
     EXPECT_EQ(s.server.IsAuthenticated(), k.authenticated);
     EXPECT_TRUE(s.log.Contains(HandleTag(&s.server) + " Failed to write"));

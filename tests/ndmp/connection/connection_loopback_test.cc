@@ -1,18 +1,25 @@
 // A client connection against our own serving side over 127.0.0.1: version
 // negotiation, sequence numbers, request/reply matching, header errors, how
-// the serving side becomes connected, and what both sides write to their logs.
+// the serving side becomes connected and what both sides log; then requests
+// sent while the client's dispatch thread is busy: the data-read handler's
+// NDMP_MOVER_READ exchange from inside a callback, an application request
+// beside a blocked callback, and Disconnect while a callback waits for a reply.
 #include <gtest/gtest.h>
 
-#include <algorithm>
+#include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
-#include <mutex>
+#include <future>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "ndmpc/ndmp/connection/connection.h"
+#include "ndmpc/ndmp/connection/data_read_handler.h"
 #include "ndmpc/ndmp/messages/connect_config_messages.h"
+#include "ndmpc/ndmp/messages/data_mover_messages.h"
+#include "ndmpc/ndmp/messages/notify_log_fh_messages.h"
+#include "tests/ndmp/helpers/serving_peer.h"
 #include "tests/support/peer_support.h"
 #include "tests/support/wire_support.h"
 
@@ -21,12 +28,13 @@ namespace {
 
 using enums::CNDMPError;
 using enums::CNDMPMessageCode;
-using enums::CNDMPMessageType;
-using enums::CNDMPProtocolVersion;
+using testing::AskHost;
 using testing::CCapturingLog;
-using testing::CServingSide;
+using testing::CServingPeer;
 using testing::HandleTag;
 using testing::kWaitMs;
+
+using Code = CXDREnumBase<CNDMPMessageCode>;
 
 std::string Err(const CXDREnumBase<CNDMPError>& error) { return error.ToString(); }
 
@@ -39,273 +47,280 @@ int CountLines(const CCapturingLog& log, const std::string& prefix, VxLog::Sever
   return n;
 }
 
-// What the serving side saw of one request, and its own state around the answer.
-struct CSeen {
-  std::uint32_t code = 0;
-  std::uint32_t type = 0;
-  std::uint32_t sequence = 0;
-  std::uint32_t replySequence = 0;
-  std::uint32_t offered = 0;  // NDMP_CONNECT_OPEN: the version offered
-  bool connectedBefore = false;
-  bool connectedAfter = false;
-};
+// How the serving side answers NDMP_MOVER_READ.
+enum class MoverAnswer { kAccept, kRefuseInBody, kHeaderError, kSilent };
 
-// The serving side's answers: NDMP_CONNECT_OPEN accepted for the versions
-// in `accepted` (else refused in the reply body), host and server
-// information answered, tape information refused with a header error.
-class CServingScript {
- public:
-  void SetAccepted(std::vector<std::uint32_t> versions) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    accepted_ = std::move(versions);
-  }
-
-  CServingSide::Responder Responder() {
-    return [this](CNDMPConnection& serving, CNDMPMessagePacket& packet) {
-      Answer(serving, packet);
-    };
-  }
-
-  // Waits (bounded) until `count` requests were answered; returns them all.
-  std::vector<CSeen> WaitSeen(std::size_t count) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    answered_.wait_for(lock, std::chrono::milliseconds(kWaitMs),
-                       [&] { return seen_.size() >= count; });
-    return seen_;
-  }
-
- private:
-  void Answer(CNDMPConnection& serving, CNDMPMessagePacket& packet) {
-    const CNDMPHeader& header = packet.GetHeader();
-    CSeen seen;
-    seen.code = header.MessageCode.getInt32();
-    seen.type = header.MessageType.getInt32();
-    seen.sequence = header.Sequence.getInt32();
-    seen.replySequence = header.ReplySequence.getInt32();
-    seen.connectedBefore = serving.IsConnected();
-    switch (seen.code) {
-      case CNDMPMessageCode::NDMP_CONNECT_OPEN: {
-        auto* open = dynamic_cast<CNDMPConnectOpenRequest*>(packet.GetMessage());
-        seen.offered = open != nullptr ? open->ProtocolVersion.getInt32() : 0;
-        bool ok;
-        {
-          std::lock_guard<std::mutex> lock(mutex_);
-          ok = std::find(accepted_.begin(), accepted_.end(), seen.offered) != accepted_.end();
-        }
-        // Switched before answering: the client's next request may follow at once.
-        if (ok) serving.SetProtocolVersion(CXDREnumBase<CNDMPProtocolVersion>(seen.offered));
-        CNDMPConnectOpenReply reply;
-        reply.NDMP_Error = ok ? CNDMPError::NDMP_NO_ERR : CNDMPError::NDMP_ILLEGAL_ARGS_ERR;
-        serving.SendMessage(reply, seen.sequence);
-        break;
-      }
-      case CNDMPMessageCode::NDMP_CONFIG_GET_HOST_INFO: {
-        CNDMPConfigGetHostInfoReply reply;
-        reply.hostname = "filer-7";
-        reply.OSType = "KorOS";
-        serving.SendMessage(reply, seen.sequence);
-        break;
-      }
-      case CNDMPMessageCode::NDMP_CONFIG_GET_SERVER_INFO: {
-        CNDMPConfigGetServerInfoReply reply;
-        reply.VenderName = "Korvane";
-        reply.ProductName = "Filer";
-        reply.AuthenticationTypes.AddItem(
-            CXDREnumBase<enums::CNDMPEnumAuthType>(enums::CNDMPEnumAuthType::NDMP_AUTH_TEXT));
-        serving.SendMessage(reply, seen.sequence);
-        break;
-      }
-      case CNDMPMessageCode::NDMP_CONFIG_GET_TAPE_INFO:
-        serving.SendNDMPError(CNDMPMessageType::NDMP_MESSAGE_REPLY, header.MessageCode,
-                              CNDMPError::NDMP_NOT_SUPPORTED_ERR, seen.sequence);
-        break;
-      default:
-        break;
-    }
-    seen.connectedAfter = serving.IsConnected();
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      seen_.push_back(seen);
-    }
-    answered_.notify_all();
-  }
-
-  std::mutex mutex_;
-  std::condition_variable answered_;
-  std::vector<std::uint32_t> accepted_{4, 3};  // guarded by mutex_
-  std::vector<CSeen> seen_;                     // guarded by mutex_
-};
-
+// The serving side accepts NDMP_CONNECT_OPEN for the versions in `accepted`
+// (else refuses it in the reply body), answers host and server information
+// and NDMP_MOVER_READ as `mover` says, and refuses anything else with a
+// header error.
 class ConnectionLoopback : public ::testing::Test {
  protected:
-  void SetUp() override { server.Start(script.Responder()); }
+  void Answer(CServingPeer::Request& r) {
+    CNDMPConnection& serving = *r.server;
+    if (r.Code() == CNDMPMessageCode::NDMP_CONNECT_OPEN) {
+      const bool before = serving.IsConnected();
+      auto* open = dynamic_cast<CNDMPConnectOpenRequest*>(r.packet->GetMessage());
+      const std::uint32_t offered = open != nullptr ? open->ProtocolVersion.getInt32() : 0;
+      const bool ok = offered < 32 && ((accepted.load() >> offered) & 1u) != 0;
+      // Switched before answering: the client's next request may follow at once.
+      if (ok) serving.SetProtocolVersion(CXDREnumBase<enums::CNDMPProtocolVersion>(offered));
+      CNDMPConnectOpenReply reply;
+      reply.NDMP_Error = ok ? CNDMPError::NDMP_NO_ERR : CNDMPError::NDMP_ILLEGAL_ARGS_ERR;
+      r.Reply(reply);
+      // Read only after CServingPeer::Requests has seen this answer counted.
+      openStates.emplace_back(before, serving.IsConnected());
+    } else if (r.Code() == CNDMPMessageCode::NDMP_CONFIG_GET_HOST_INFO) {
+      CNDMPConfigGetHostInfoReply reply;
+      reply.hostname = "filer-7";
+      r.Reply(reply);
+    } else if (r.Code() == CNDMPMessageCode::NDMP_CONFIG_GET_SERVER_INFO) {
+      CNDMPConfigGetServerInfoReply reply;
+      r.Reply(reply);
+    } else if (r.Code() == CNDMPMessageCode::NDMP_MOVER_READ &&
+               mover != MoverAnswer::kHeaderError) {
+      CNDMPMoverReadReply reply;
+      reply.NDMP_Error = mover == MoverAnswer::kRefuseInBody ? CNDMPError::NDMP_ILLEGAL_STATE_ERR
+                                                             : CNDMPError::NDMP_NO_ERR;
+      if (mover != MoverAnswer::kSilent) r.Reply(reply);
+    } else {
+      r.ReplyError(CNDMPError::NDMP_NOT_SUPPORTED_ERR);
+    }
+  }
 
+  std::atomic<unsigned int> accepted{1u << 4 | 1u << 3};  // bit n: version n accepted
+  std::atomic<MoverAnswer> mover{MoverAnswer::kAccept};
+  std::vector<std::pair<bool, bool>> openStates;  // serving side connected before/after
   CCapturingLog clientLog;
   CCapturingLog servingLog;
-  CServingScript script;
-  CServingSide server{servingLog};
+  CServingPeer peer{[this](CServingPeer::Request& r) { Answer(r); }, servingLog};
   // Destroyed first: the client disconnects before the serving side stops.
-  CNDMPConnection client{"127.0.0.1", "127.0.0.1", clientLog, server.port()};
+  CNDMPConnection client{"127.0.0.1", "127.0.0.1", clientLog, peer.port()};
 };
 
-TEST_F(ConnectionLoopback, NegotiatesVersion4AndMatchesRepliesBySequence) {
-  ASSERT_EQ(Err(client.Connect()), "NDMP_NO_ERR");
-  EXPECT_TRUE(client.IsConnected());
-  EXPECT_FALSE(client.IsAuthenticated());
-  EXPECT_EQ(client.GetProtocolVersion().getInt32(), 4u);
+struct CVersionCase {
+  const char* name;
+  unsigned int accepted;
+  std::vector<std::uint32_t> offered;  // in order
+};
 
-  CNDMPConfigGetHostInfoRequest hostInfo;
-  CNDMPMessage* reply = nullptr;
-  ASSERT_EQ(Err(client.SendMessage(hostInfo, &reply, 10)), "NDMP_NO_ERR");
-  auto* host = dynamic_cast<CNDMPConfigGetHostInfoReply*>(reply);
-  ASSERT_NE(host, nullptr);
-  EXPECT_EQ(host->hostname.GetString(), "filer-7");
-  EXPECT_EQ(host->OSType.GetString(), "KorOS");
-  client.FreeMessage(reply);
+class ConnectionLoopbackVersion : public ConnectionLoopback,
+                                  public ::testing::WithParamInterface<CVersionCase> {};
 
-  // A reply whose header carries an error returns that error and no body.
-  CNDMPConfigGetTapeInfoRequest tapeInfo;
-  CNDMPConfigGetHostInfoReply untouched;
-  reply = &untouched;
-  EXPECT_EQ(Err(client.SendMessage(tapeInfo, &reply, 10)), "NDMP_NOT_SUPPORTED_ERR");
-  EXPECT_EQ(reply, &untouched);
-
-  std::vector<CSeen> seen = script.WaitSeen(3);
-  ASSERT_EQ(seen.size(), 3u);
-  const std::uint32_t codes[] = {CNDMPMessageCode::NDMP_CONNECT_OPEN,
-                                 CNDMPMessageCode::NDMP_CONFIG_GET_HOST_INFO,
-                                 CNDMPMessageCode::NDMP_CONFIG_GET_TAPE_INFO};
-  for (std::size_t i = 0; i < 3; ++i) {
-    SCOPED_TRACE(i);
-    EXPECT_EQ(seen[i].code, codes[i]);
-    EXPECT_EQ(seen[i].type, 0u);
-    EXPECT_EQ(seen[i].sequence, i + 1);
-    EXPECT_EQ(seen[i].replySequence, 0u);
+TEST_P(ConnectionLoopbackVersion, NegotiatesThenMatchesRepliesBySequence) {
+  const CVersionCase& c = GetParam();
+  accepted = c.accepted;
+  ASSERT_EQ(Err(client.Connect()), c.accepted != 0 ? "NDMP_NO_ERR" : "NDMP_CONNECT_ERR");
+  const std::size_t n = c.offered.size();
+  std::vector<CServingPeer::Seen> seen = peer.Requests(n);
+  std::vector<std::uint32_t> offered;
+  for (const auto& s : seen) {
+    auto* open = CServingPeer::Body<CNDMPConnectOpenRequest>(s);
+    offered.push_back(open != nullptr ? open->ProtocolVersion.getInt32() : 0);
   }
-  EXPECT_EQ(seen[0].offered, 4u);
-  EXPECT_EQ(client.GetNextSequence(), 4u);
-}
-
-TEST_F(ConnectionLoopback, ServingSideIsConnectedOnlyAfterASuccessfulOpenReply) {
-  script.SetAccepted({3});
-  ASSERT_EQ(Err(client.Connect()), "NDMP_NO_ERR");
-  std::vector<CSeen> seen = script.WaitSeen(2);
-  ASSERT_EQ(seen.size(), 2u);
-  // Version 4 refused in the reply body: the serving side stays unconnected.
-  EXPECT_EQ(seen[0].offered, 4u);
-  EXPECT_FALSE(seen[0].connectedBefore);
-  EXPECT_FALSE(seen[0].connectedAfter);
-  // Version 3 accepted: sending that reply makes it connected.
-  EXPECT_EQ(seen[1].offered, 3u);
-  EXPECT_EQ(seen[1].sequence, 2u);
-  EXPECT_FALSE(seen[1].connectedBefore);
-  EXPECT_TRUE(seen[1].connectedAfter);
-
-  CNDMPConnection* serving = server.WaitConnection();
+  EXPECT_EQ(offered, c.offered);
+  if (c.accepted == 0) {
+    // Refusal of both versions disconnects; the refusal itself is not logged.
+    EXPECT_FALSE(client.IsConnected());
+    EXPECT_EQ(client.getSocket(), nullptr);
+    EXPECT_FALSE(clientLog.Contains("Failed to establish connection"));
+    EXPECT_EQ(AskHost(client, 1), "NDMP_CONNECT_ERR");
+    return;
+  }
+  EXPECT_EQ(client.GetProtocolVersion().getInt32(), c.offered.back());
+  EXPECT_FALSE(client.IsAuthenticated());
+  // The serving side is connected only by sending a successful open reply.
+  std::vector<std::pair<bool, bool>> states(n, {false, false});
+  states.back().second = true;
+  EXPECT_EQ(openStates, states);
+  CNDMPConnection* serving = peer.WaitServing();
   ASSERT_NE(serving, nullptr);
   EXPECT_TRUE(serving->IsConnected());
   EXPECT_FALSE(serving->IsAuthenticated());
   EXPECT_EQ(std::string(serving->GetIPAddress()), "127.0.0.1");
 
-  // Both sides now speak version 3.
-  EXPECT_EQ(client.GetProtocolVersion().getInt32(), 3u);
-  CNDMPConfigGetHostInfoRequest hostInfo;
-  CNDMPMessage* reply = nullptr;
-  ASSERT_EQ(Err(client.SendMessage(hostInfo, &reply, 10)), "NDMP_NO_ERR");
-  auto* host = dynamic_cast<CNDMPConfigGetHostInfoReply*>(reply);
-  ASSERT_NE(host, nullptr);
-  EXPECT_EQ(host->hostname.GetString(), "filer-7");
-  client.FreeMessage(reply);
-}
+  // Both sides speak the agreed version.
+  EXPECT_EQ(AskHost(client), "filer-7");
+  // A reply whose header carries an error returns that error and no body.
+  CNDMPConfigGetTapeInfoRequest tapeInfo;
+  CNDMPConfigGetHostInfoReply untouched;
+  CNDMPMessage* reply = &untouched;
+  EXPECT_EQ(Err(client.SendMessage(tapeInfo, &reply, 10)), "NDMP_NOT_SUPPORTED_ERR");
+  EXPECT_EQ(reply, &untouched);
 
-TEST_F(ConnectionLoopback, RefusalOfBothVersionsDisconnects) {
-  script.SetAccepted({});
-  EXPECT_EQ(Err(client.Connect()), "NDMP_CONNECT_ERR");
-  EXPECT_FALSE(client.IsConnected());
-  EXPECT_EQ(client.getSocket(), nullptr);
-  std::vector<CSeen> seen = script.WaitSeen(2);
-  ASSERT_EQ(seen.size(), 2u);
-  EXPECT_EQ(seen[0].offered, 4u);
-  EXPECT_EQ(seen[1].offered, 3u);
-  // The refusal itself is not logged.
-  EXPECT_FALSE(clientLog.Contains("Failed to establish connection"));
-  CNDMPConfigGetHostInfoRequest hostInfo;
-  CNDMPMessage* reply = nullptr;
-  EXPECT_EQ(Err(client.SendMessage(hostInfo, &reply, 1)), "NDMP_CONNECT_ERR");
-}
-
-TEST_F(ConnectionLoopback, ServerInfoReplyIsSentWithoutALogLine) {
-  clientLog.setLevel(3);
-  ASSERT_EQ(Err(client.Connect()), "NDMP_NO_ERR");
-  for (CNDMPMessage* request : std::vector<CNDMPMessage*>{
-           new CNDMPConfigGetServerInfoRequest, new CNDMPConfigGetHostInfoRequest}) {
-    CNDMPMessage* reply = nullptr;
-    EXPECT_EQ(Err(client.SendMessage(*request, &reply, 10)), "NDMP_NO_ERR");
-    client.FreeMessage(reply);
-    delete request;
+  seen = peer.Requests(n + 2);
+  ASSERT_EQ(seen.size(), n + 2);
+  EXPECT_EQ(seen[n].code, CNDMPMessageCode::NDMP_CONFIG_GET_HOST_INFO);
+  EXPECT_EQ(seen[n + 1].code, CNDMPMessageCode::NDMP_CONFIG_GET_TAPE_INFO);
+  for (std::size_t i = 0; i < seen.size(); ++i) {
+    const CNDMPHeader& header = seen[i].packet->GetHeader();
+    EXPECT_EQ(header.MessageType.getInt32(), 0u) << i;
+    EXPECT_EQ(header.Sequence.getInt32(), i + 1) << i;
+    EXPECT_EQ(header.ReplySequence.getInt32(), 0u) << i;
   }
-  ASSERT_EQ(script.WaitSeen(3).size(), 3u);
-  CNDMPConnection* serving = server.WaitConnection();
-  ASSERT_NE(serving, nullptr);
-  const std::string servingTag = HandleTag(serving);
-  EXPECT_EQ(CountLines(servingLog, servingTag + " Sending NDMP_CONNECT_OPEN", VxLog::kInfo), 1);
-  EXPECT_EQ(CountLines(servingLog, servingTag + " Sending NDMP_CONFIG_GET_HOST_INFO",
-                       VxLog::kInfo),
-            1);
-  EXPECT_FALSE(servingLog.Contains("Sending NDMP_CONFIG_GET_SERVER_INFO"));
-  // The request side logs the same message as any other.
-  EXPECT_EQ(CountLines(clientLog, HandleTag(&client) + " Sending NDMP_CONFIG_GET_SERVER_INFO",
-                       VxLog::kInfo),
-            1);
-}
-
-// How sent and received packets are logged at a summary level and at a
-// dump level.
-struct CLogCase {
-  int level;
-  const char* sent;  // after "[0x...] "
-  VxLog::Severity sentSeverity;
-  const char* received;
-  VxLog::Severity receivedSeverity;
-};
-
-class ConnectionLoopbackLog : public ConnectionLoopback,
-                              public ::testing::WithParamInterface<CLogCase> {};
-
-TEST_P(ConnectionLoopbackLog, LogsSentAndReceivedPackets) {
-  const CLogCase& c = GetParam();
-  clientLog.setLevel(c.level);
-  ASSERT_EQ(Err(client.Connect()), "NDMP_NO_ERR");
-  CNDMPConfigGetHostInfoRequest hostInfo;
-  CNDMPMessage* reply = nullptr;
-  ASSERT_EQ(Err(client.SendMessage(hostInfo, &reply, 10)), "NDMP_NO_ERR");
-  client.FreeMessage(reply);
-
-  const std::string tag = HandleTag(&client) + " ";
-  // Received packets are logged on the dispatch thread: wait for the last one.
-  ASSERT_TRUE(clientLog.WaitFor(tag + c.received + (c.level > 6 ? "" : "NDMP_CONFIG_GET_HOST_INFO")));
-  if (c.level > 6) {
-    EXPECT_EQ(CountLines(clientLog, tag + c.sent, c.sentSeverity), 2);
-    ASSERT_TRUE(clientLog.WaitFor("filer-7"));
-    EXPECT_EQ(CountLines(clientLog, tag + c.received, c.receivedSeverity), 2);
-    EXPECT_FALSE(clientLog.Contains(tag + "Sending NDMP_"));
-  } else {
-    for (const char* name : {"NDMP_CONNECT_OPEN", "NDMP_CONFIG_GET_HOST_INFO"}) {
-      EXPECT_EQ(CountLines(clientLog, tag + c.sent + name, c.sentSeverity), 1) << name;
-      EXPECT_EQ(CountLines(clientLog, tag + c.received + name, c.receivedSeverity), 1) << name;
-    }
-    EXPECT_FALSE(clientLog.Contains("MessagePacket"));
-  }
+  EXPECT_EQ(client.GetNextSequence(), n + 3);
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Levels, ConnectionLoopbackLog,
-    ::testing::Values(CLogCase{3, "Sending ", VxLog::kInfo, "Received Message ", VxLog::kInfo},
-                      CLogCase{7, "Sending MessagePacket", VxLog::kDebug,
-                               "Received Message MessagePacket", VxLog::kDebug}),
-    [](const ::testing::TestParamInfo<CLogCase>& param) {
-      return "Level" + std::to_string(param.param.level);
-    });
+    Servers, ConnectionLoopbackVersion,
+    ::testing::Values(CVersionCase{"Version4", 1u << 4 | 1u << 3, {4}},
+                      CVersionCase{"FallsBackTo3", 1u << 3, {4, 3}},
+                      CVersionCase{"BothRefused", 0, {4, 3}}),
+    [](const ::testing::TestParamInfo<CVersionCase>& param) { return param.param.name; });
+
+// How the client logs sent and received packets at a summary level (3) and
+// at a dump level (7); the serving side never logs its server-information reply.
+class ConnectionLoopbackLog : public ConnectionLoopback,
+                              public ::testing::WithParamInterface<int> {};
+
+TEST_P(ConnectionLoopbackLog, LogsSentAndReceivedPackets) {
+  clientLog.setLevel(GetParam());
+  ASSERT_EQ(Err(client.Connect()), "NDMP_NO_ERR");
+  CNDMPConfigGetServerInfoRequest serverInfo;
+  CNDMPMessage* reply = nullptr;
+  EXPECT_EQ(Err(client.SendMessage(serverInfo, &reply, 10)), "NDMP_NO_ERR");
+  client.FreeMessage(reply);
+  EXPECT_EQ(AskHost(client), "filer-7");
+
+  ASSERT_EQ(peer.Requests(3).size(), 3u);
+  CNDMPConnection* serving = peer.WaitServing();
+  ASSERT_NE(serving, nullptr);
+  for (const char* name : {"NDMP_CONNECT_OPEN", "NDMP_CONFIG_GET_HOST_INFO"}) {
+    EXPECT_EQ(CountLines(servingLog, HandleTag(serving) + " Sending " + name, VxLog::kInfo), 1)
+        << name;
+  }
+  EXPECT_FALSE(servingLog.Contains("Sending NDMP_CONFIG_GET_SERVER_INFO"));
+
+  const std::string tag = HandleTag(&client) + " ";
+  // Received packets are logged on the dispatch thread: wait for the last one.
+  if (GetParam() > 6) {
+    ASSERT_TRUE(clientLog.WaitFor("filer-7"));
+    EXPECT_EQ(CountLines(clientLog, tag + "Sending MessagePacket", VxLog::kDebug), 3);
+    EXPECT_EQ(CountLines(clientLog, tag + "Received Message MessagePacket", VxLog::kDebug), 3);
+    EXPECT_FALSE(clientLog.Contains(tag + "Sending NDMP_"));
+    return;
+  }
+  ASSERT_TRUE(clientLog.WaitFor(tag + "Received Message NDMP_CONFIG_GET_HOST_INFO"));
+  for (const char* name :
+       {"NDMP_CONNECT_OPEN", "NDMP_CONFIG_GET_SERVER_INFO", "NDMP_CONFIG_GET_HOST_INFO"}) {
+    EXPECT_EQ(CountLines(clientLog, tag + "Sending " + name, VxLog::kInfo), 1) << name;
+  }
+  for (const char* name : {"NDMP_CONNECT_OPEN", "NDMP_CONFIG_GET_HOST_INFO"}) {
+    EXPECT_EQ(CountLines(clientLog, tag + "Received Message " + name, VxLog::kInfo), 1) << name;
+  }
+  EXPECT_FALSE(clientLog.Contains("MessagePacket"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Levels, ConnectionLoopbackLog, ::testing::Values(3, 7),
+                         [](const ::testing::TestParamInfo<int>& param) {
+                           return "Level" + std::to_string(param.param);
+                         });
+
+// Runs a data-read handler and keeps its first result, which the dispatch ignores.
+class CResultKeeper : public CINDMPCallback {
+ public:
+  explicit CResultKeeper(CNDMPConnection& connection) : handler_(connection) {}
+  unsigned int HandleMessagePacket(CNDMPMessagePacket& packet) override {
+    const unsigned int result = handler_.HandleMessagePacket(packet);
+    if (!kept_.exchange(true)) result_.set_value(result);
+    return result;
+  }
+  // The first result; -1 when none came in time.
+  int WaitResult() {
+    std::future<unsigned int> future = result_.get_future();
+    if (future.wait_for(std::chrono::milliseconds(kWaitMs)) != std::future_status::ready) return -1;
+    return static_cast<int>(future.get());
+  }
+
+ private:
+  CNDMPDataReadHandler handler_;
+  std::promise<unsigned int> result_;
+  std::atomic<bool> kept_{false};
+};
+
+struct CMoverCase {
+  const char* name;
+  MoverAnswer answer;
+  int result;
+};
+
+class DataReadExchange : public ConnectionLoopback {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(Err(client.Connect()), "NDMP_NO_ERR");
+    serving = peer.WaitServing();
+    ASSERT_NE(serving, nullptr);
+  }
+
+  CNDMPConnection* serving = nullptr;
+};
+
+class DataReadHandler : public DataReadExchange,
+                        public ::testing::WithParamInterface<CMoverCase> {};
+
+TEST_P(DataReadHandler, AsksTheMoverForTheSameWindowFromInsideTheDispatch) {
+  const CMoverCase& c = GetParam();
+  mover = c.answer;
+  CResultKeeper keeper(client);
+  client.RegisterCallback(&keeper, Code(CNDMPMessageCode::NDMP_NOTIFY_DATA_READ));
+  // However the test ends, the dispatch thread leaves `keeper` before it goes.
+  struct CDisconnectFirst {
+    CNDMPConnection& c;
+    ~CDisconnectFirst() { c.Disconnect(); }
+  } disconnectFirst{client};
+  // A window beyond 4 GiB.
+  CNDMPNotifyDataReadPost post;
+  post.Offset = CNDMPUQuad(0x100001000ull);
+  post.Length = CNDMPUQuad(65536);
+  ASSERT_EQ(Err(serving->SendMessage(post, 0)), "NDMP_NO_ERR");
+
+  std::vector<CServingPeer::Seen> seen = peer.Requests(2);  // the open, then the read
+  ASSERT_EQ(seen.size(), 2u);
+  auto* read = CServingPeer::Body<CNDMPMoverReadRequest>(seen[1]);
+  ASSERT_NE(read, nullptr);
+  EXPECT_EQ(static_cast<std::uint64_t>(read->Offset), 0x100001000ull);
+  EXPECT_EQ(static_cast<std::uint64_t>(read->Length), 65536u);
+  if (c.answer == MoverAnswer::kSilent) {
+    // The handler waits for its reply: Disconnect ends that wait promptly.
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(Err(client.Disconnect()), "NDMP_NO_ERR");
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+  }
+  // Bounded far below the handler's own 360 s: a reply must reach it while
+  // the dispatch thread is busy inside it.
+  EXPECT_EQ(keeper.WaitResult(), c.result);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Answers, DataReadHandler,
+    ::testing::Values(CMoverCase{"Accepted", MoverAnswer::kAccept, 0},
+                      CMoverCase{"RefusedInBody", MoverAnswer::kRefuseInBody, 1},
+                      CMoverCase{"RefusedInHeader", MoverAnswer::kHeaderError, 1},
+                      CMoverCase{"NoReplyThenDisconnect", MoverAnswer::kSilent, 1}),
+    [](const ::testing::TestParamInfo<CMoverCase>& param) { return param.param.name; });
+
+// Blocks the dispatch thread until released.
+class CBlockingCallback : public CINDMPCallback {
+ public:
+  unsigned int HandleMessagePacket(CNDMPMessagePacket&) override {
+    entered.set();
+    released.wait(kWaitMs);
+    return 0;
+  }
+  VxThreadEvent entered{VxThreadEvent::kManualReset, false};
+  VxThreadEvent released{VxThreadEvent::kManualReset, false};
+};
+
+TEST_F(DataReadExchange, ApplicationRequestCompletesWhileACallbackBlocks) {
+  CBlockingCallback blocking;
+  client.RegisterCallback(&blocking, Code(CNDMPMessageCode::NDMP_NOTIFY_DATA_HALTED));
+  CNDMPNotifyDataHaltedPost halted;
+  ASSERT_EQ(Err(serving->SendMessage(halted, 0)), "NDMP_NO_ERR");
+  ASSERT_EQ(blocking.entered.wait(kWaitMs), 0u);
+  EXPECT_EQ(AskHost(client), "filer-7");
+  blocking.released.set();
+  client.Disconnect();  // the dispatch thread leaves `blocking` before it goes
+}
 
 }  // namespace
 }  // namespace com::vx::korvane::ndmpc

@@ -10,20 +10,21 @@ void CServingPeer::Request::ReplyError(unsigned int error) const {
                         CXDREnumBase<enums::CNDMPError>(error), Sequence());
 }
 
-CServingPeer::CServingPeer(Answer answer) : answer_(std::move(answer)) {
-  log_.setLevel(0);
+CServingPeer::CServingPeer(Answer answer) : answer_(std::move(answer)), log_(quiet_) {
+  quiet_.setLevel(0);
   if (listener_.listen("127.0.0.1", 0) != 0) return;
   VxTcpSocket clientSocket;
   if (clientSocket.connect(VxSocketAddress("127.0.0.1", listener_.port()), kWaitMs) != 0) return;
   VxTcpSocket accepted;
   if (listener_.accept(accepted, kWaitMs) != 0) return;
-  // Server mode is on before the client side exists, so no request can
-  // reach the serving connection ahead of its collector.
   server_ = std::make_unique<CNDMPConnection>(accepted, log_);
   server_->StartServerMode();
   client_ = std::make_unique<CNDMPConnection>(clientSocket, log_);
-  ready_ = true;
   thread_ = std::thread([this] { Serve(); });
+}
+
+CServingPeer::CServingPeer(Answer answer, VxLog& log) : answer_(std::move(answer)), log_(log) {
+  if (listener_.listen("127.0.0.1", 0) == 0) thread_ = std::thread([this] { Serve(); });
 }
 
 CServingPeer::~CServingPeer() {
@@ -31,17 +32,36 @@ CServingPeer::~CServingPeer() {
     std::lock_guard<std::mutex> lock(mutex_);
     stop_ = true;
   }
+  listener_.close();  // ends a wait for a client that never came
   if (thread_.joinable()) thread_.join();
   client_.reset();
   server_.reset();
 }
 
-std::vector<CServingPeer::Seen> CServingPeer::Requests() const {
-  std::lock_guard<std::mutex> lock(mutex_);
+CNDMPConnection* CServingPeer::WaitServing() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  changed_.wait_for(lock, std::chrono::milliseconds(kWaitMs),
+                    [this] { return server_ != nullptr; });
+  return server_.get();
+}
+
+std::vector<CServingPeer::Seen> CServingPeer::Requests(std::size_t answered) const {
+  std::unique_lock<std::mutex> lock(mutex_);
+  changed_.wait_for(lock, std::chrono::milliseconds(kWaitMs),
+                    [&] { return answered_ >= answered; });
   return seen_;
 }
 
 void CServingPeer::Serve() {
+  if (server_ == nullptr) {  // only this thread sets it in the second form
+    VxTcpSocket accepted;
+    if (listener_.accept(accepted, kWaitMs) != 0) return;
+    auto serving = std::make_unique<CNDMPConnection>(accepted, log_);
+    serving->StartServerMode();
+    std::lock_guard<std::mutex> lock(mutex_);
+    server_ = std::move(serving);
+    changed_.notify_all();
+  }
   CNDMPMessagePacketQueue& queue = server_->GetPacketQueue();
   for (;;) {
     {
@@ -61,6 +81,9 @@ void CServingPeer::Serve() {
       }
       Request request{server_.get(), owned.get()};
       answer_(request);
+      std::lock_guard<std::mutex> lock(mutex_);
+      ++answered_;
+      changed_.notify_all();
     }
   }
 }

@@ -1,20 +1,20 @@
-// Test support for the device helpers: a serving side on 127.0.0.1 built
-// from a CNDMPConnection over an accepted socket in server mode, and a client
-// connection to it.
+// Test support: our own serving side on 127.0.0.1, a CNDMPConnection over an
+// accepted socket in server mode, answering each request with a routine the
+// test gives, and the client connection it serves.
 //
 //   CServingPeer peer([](CServingPeer::Request& r) { r.Reply(CNDMPTapeCloseReply()); });
 //   ASSERT_TRUE(peer.ok());
 //   CNDMPTapeHelper::TapeClose(&peer.client());
 //   EXPECT_EQ(peer.Requests().size(), 1u);
 //
-// The client connection is also built from a connected socket rather than
-// with Connect(): the serving connection starts dispatching as soon as it
-// exists, so an NDMP_CONNECT_OPEN sent by Connect() could be dispatched
-// before StartServerMode has registered its collector and be lost. Sending
-// needs only a live socket, so the helpers run the same either way.
+// Either the peer builds the client itself from a connected socket (ok(),
+// client()), or a test's own connection connects to port() with Connect().
+// What a client sends before the serving side is in server mode is held by
+// the library and handed over in order, so neither way can lose a request.
 #pragma once
 
 #include <chrono>
+#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -49,16 +49,23 @@ class CServingPeer {
   // Called on the peer's thread for every request; must answer it (or not).
   using Answer = std::function<void(Request&)>;
 
+  // Serves a client connection built here (client()), logging nowhere.
   explicit CServingPeer(Answer answer);
+  // Serves the one client that connects to port(); the serving side logs to `log`.
+  CServingPeer(Answer answer, VxLog& log);
   ~CServingPeer();
   CServingPeer(const CServingPeer&) = delete;
   CServingPeer& operator=(const CServingPeer&) = delete;
 
-  // True when both sides are up.
-  bool ok() const { return client_ != nullptr && ready_; }
+  // True when both sides of the first form are up.
+  bool ok() const { return client_ != nullptr; }
   CNDMPConnection& client() { return *client_; }
-  // The requests received so far, in order.
-  std::vector<Seen> Requests() const;
+  unsigned int port() const { return listener_.port(); }
+  // Waits (bounded) until the serving connection exists; null if no client came.
+  CNDMPConnection* WaitServing();
+  // The requests received so far, in order, once at least `answered` of
+  // them were answered (bounded wait).
+  std::vector<Seen> Requests(std::size_t answered = 0) const;
 
   // The request body of `seen`, as class T (null when it is another class).
   template <class T>
@@ -70,14 +77,16 @@ class CServingPeer {
   void Serve();
 
   Answer answer_;
-  VxLog log_;
+  VxLog quiet_;
+  VxLog& log_;
   VxTcpListener listener_;
-  std::unique_ptr<CNDMPConnection> server_;
+  std::unique_ptr<CNDMPConnection> server_;  // written once, under mutex_, before serving
   std::unique_ptr<CNDMPConnection> client_;
-  bool ready_ = false;
-  bool stop_ = false;  // guarded by mutex_
   mutable std::mutex mutex_;
-  std::vector<Seen> seen_;  // guarded by mutex_
+  mutable std::condition_variable changed_;
+  bool stop_ = false;          // guarded by mutex_
+  std::size_t answered_ = 0;   // guarded by mutex_
+  std::vector<Seen> seen_;     // guarded by mutex_
   std::thread thread_;
 };
 
