@@ -401,23 +401,16 @@ void CSimDataAgent::Abort(CSimRequest& request) {
 }
 
 void CSimDataAgent::Stop(CSimRequest& request) {
-  CNDMPDataStopReply reply;
-  std::unique_lock<std::mutex> lock(mutex_);
-  if (state_ != State::kHalted) {
-    reply.NDMP_Error = CNDMPError::NDMP_ILLEGAL_STATE_ERR;
-  } else {
-    lock.unlock();
-    if (worker_.joinable()) worker_.join();
-    lock.lock();
-    endpoint_ = CSimEndpoint();
-    state_ = State::kIdle;
-    operation_ = DataOp::NDMP_DATA_OP_NOACTION;
-    haltReason_ = DataHalt::NDMP_DATA_HALT_NA;
-    env_.clear();
-    bytes_ = 0;
-  }
-  lock.unlock();
-  request.Reply(reply);
+  StopWhenHalted<CNDMPDataStopReply>(
+      request, mutex_, worker_, [this] { return state_ == State::kHalted; },
+      [this] {
+        endpoint_ = CSimEndpoint();
+        state_ = State::kIdle;
+        operation_ = DataOp::NDMP_DATA_OP_NOACTION;
+        haltReason_ = DataHalt::NDMP_DATA_HALT_NA;
+        env_.clear();
+        bytes_ = 0;
+      });
 }
 
 void CSimDataAgent::Shutdown() {

@@ -226,20 +226,13 @@ void CSimMoverAgent::Close(CSimRequest& request) {
 }
 
 void CSimMoverAgent::Stop(CSimRequest& request) {
-  CNDMPMoverStopReply reply;
-  std::unique_lock<std::mutex> lock(mutex_);
-  if (state_ != State::kHalted) {
-    reply.NDMP_Error = CNDMPError::NDMP_ILLEGAL_STATE_ERR;
-  } else {
-    lock.unlock();
-    if (worker_.joinable()) worker_.join();
-    lock.lock();
-    endpoint_ = CSimEndpoint();
-    state_ = State::kIdle;
-    haltReason_ = HaltReason::NDMP_MOVER_HALT_NA;
-  }
-  lock.unlock();
-  request.Reply(reply);
+  StopWhenHalted<CNDMPMoverStopReply>(
+      request, mutex_, worker_, [this] { return state_ == State::kHalted; },
+      [this] {
+        endpoint_ = CSimEndpoint();
+        state_ = State::kIdle;
+        haltReason_ = HaltReason::NDMP_MOVER_HALT_NA;
+      });
 }
 
 void CSimMoverAgent::Shutdown() {

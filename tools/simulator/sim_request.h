@@ -4,7 +4,9 @@
 #pragma once
 
 #include <functional>
+#include <mutex>
 #include <string>
+#include <thread>
 
 #include "ndmpc/foundation/vx_log.h"
 #include "ndmpc/ndmp/connection/connection.h"
@@ -39,6 +41,26 @@ class CSimRequest {
   CNDMPConnection& connection_;
   CNDMPMessagePacket& packet_;
 };
+
+// NDMP_DATA_STOP and NDMP_MOVER_STOP: refused unless `halted()`; otherwise the
+// finished worker is joined and `reset()` returns the agent to idle, both
+// tested and reset under the agent's lock.
+template <class Reply, class Halted, class Reset>
+void StopWhenHalted(CSimRequest& request, std::mutex& mutex, std::thread& worker, Halted halted,
+                    Reset reset) {
+  Reply reply;
+  std::unique_lock<std::mutex> lock(mutex);
+  if (!halted()) {
+    reply.NDMP_Error = enums::CNDMPError::NDMP_ILLEGAL_STATE_ERR;
+  } else {
+    lock.unlock();
+    if (worker.joinable()) worker.join();
+    lock.lock();
+    reset();
+  }
+  lock.unlock();
+  request.Reply(reply);
+}
 
 struct CSimAgentContext {
   CNDMPSimServer& server;
