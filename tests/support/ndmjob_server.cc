@@ -47,17 +47,20 @@ int RemainingMs(Clock::time_point deadline) {
 
 }  // namespace
 
+std::string FindExecutable(const std::string& name, const std::string& moreDirs) {
+  const char* path = std::getenv("PATH");
+  std::stringstream dirs(std::string(path != nullptr ? path : "") + ":" + moreDirs);
+  for (std::string dir; std::getline(dirs, dir, ':');) {
+    if (!dir.empty() && IsExecutable(dir + "/" + name)) return dir + "/" + name;
+  }
+  return "";
+}
+
 std::string CNdmjobServer::FindProgram() {
   if (const char* env = std::getenv("NDMJOB"); env != nullptr && *env != '\0') {
     return IsExecutable(env) ? env : "";
   }
-  // The Debian package installs it outside the PATH.
-  const char* path = std::getenv("PATH");
-  std::stringstream dirs(std::string(path != nullptr ? path : "") + ":/usr/lib/amanda");
-  for (std::string dir; std::getline(dirs, dir, ':');) {
-    if (!dir.empty() && IsExecutable(dir + "/ndmjob")) return dir + "/ndmjob";
-  }
-  return "";
+  return FindExecutable("ndmjob", "/usr/lib/amanda");  // the Debian package's own directory
 }
 
 bool CNdmjobServer::Start(int timeoutMs) {

@@ -11,7 +11,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <cstring>
 #include <thread>
 
 namespace com::vx::korvane::ndmpc::testing {
@@ -238,21 +237,19 @@ bool CCapturingLog::Contains(const std::string& text) const { return Count(text)
 
 int CCapturingLog::Count(const std::string& text) const {
   std::lock_guard<std::mutex> lock(mutex_);
+  return CountLocked(text);
+}
+
+int CCapturingLog::CountLocked(const std::string& text) const {
   int n = 0;
-  for (const Line& line : lines_) {
-    if (line.second.find(text) != std::string::npos) ++n;
-  }
+  for (const Line& line : lines_) n += line.second.find(text) != std::string::npos ? 1 : 0;
   return n;
 }
 
-bool CCapturingLog::WaitFor(const std::string& text, int timeoutMs) const {
+bool CCapturingLog::WaitFor(const std::string& text, int timeoutMs, int count) const {
   std::unique_lock<std::mutex> lock(mutex_);
-  return added_.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] {
-    for (const Line& line : lines_) {
-      if (line.second.find(text) != std::string::npos) return true;
-    }
-    return false;
-  });
+  return added_.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                         [&] { return CountLocked(text) >= count; });
 }
 
 void CCapturingLog::Clear() {
@@ -290,6 +287,29 @@ std::vector<unsigned char> Concat(std::initializer_list<std::vector<unsigned cha
   std::vector<unsigned char> all;
   for (const auto& part : parts) all.insert(all.end(), part.begin(), part.end());
   return all;
+}
+
+std::vector<unsigned char> Words(std::initializer_list<std::uint32_t> words) {
+  std::vector<unsigned char> out;
+  for (std::uint32_t w : words) {
+    for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<unsigned char>(w >> shift));
+  }
+  return out;
+}
+
+std::vector<unsigned char> Counting(std::size_t length, unsigned char first) {
+  std::vector<unsigned char> bytes(length);
+  for (std::size_t i = 0; i < length; ++i) bytes[i] = static_cast<unsigned char>(first + i);
+  return bytes;
+}
+
+std::vector<unsigned char> OpaqueBytes(const CXDROpaque& opaque) {
+  const auto* data = static_cast<const unsigned char*>(opaque.GetData());
+  return std::vector<unsigned char>(data, data + opaque.GetSize());
+}
+
+void SetOpaque(CXDROpaque& opaque, const std::vector<unsigned char>& bytes) {
+  opaque.SetData(bytes.data(), bytes.size());
 }
 
 }  // namespace com::vx::korvane::ndmpc::testing

@@ -18,11 +18,6 @@ TEST(WireSupport, CapturesFragmentsLargerThanTheSocketBuffer) {
   EXPECT_EQ(StripRecordMarks(raw), big);
 }
 
-TEST(WireSupport, MakeRecordSplitsAndMarksTheLastFragment) {
-  EXPECT_EQ(Hex(MakeRecord({})), "80 00 00 00");
-  EXPECT_EQ(Hex(MakeRecord(Bytes({1, 2, 3}), 2)), "00 00 00 02 01 02 80 00 00 01 03");
-}
-
 TEST(WireSupport, DecodesLargePayloadsAndStopsAWriterNobodyReads) {
   std::vector<unsigned char> text(20000, 'x');
   std::vector<unsigned char> payload = Concat({Bytes({0, 0, 0x4E, 0x20}), text});

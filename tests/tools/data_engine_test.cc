@@ -57,26 +57,6 @@ void MakeTree(const std::string& root) {
   Stamp(root + "/d1", 1300000000, 0755);
 }
 
-Tree Snapshot(const std::string& root) {
-  Tree tree;
-  auto add = [&](const std::string& path) {
-    struct stat st;
-    lstat(path.c_str(), &st);
-    std::string& line = tree[path.size() == root.size() ? "/" : path.substr(root.size())];
-    line = std::to_string(st.st_mode) + " ";
-    if (S_ISLNK(st.st_mode)) {
-      line += std::filesystem::read_symlink(path).string();
-    } else {
-      line += std::to_string(st.st_mtim.tv_sec) + "." + std::to_string(st.st_mtim.tv_nsec) + " " +
-              std::to_string(st.st_size) + " " +
-              (S_ISREG(st.st_mode) ? std::to_string(std::hash<std::string>()(ReadFile(path))) : "");
-    }
-  };
-  add(root);
-  for (const auto& e : std::filesystem::recursive_directory_iterator(root)) add(e.path().string());
-  return tree;
-}
-
 std::set<std::string> Paths(const Tree& tree) {
   std::set<std::string> paths;
   for (const auto& entry : tree) paths.insert(entry.first);
@@ -161,7 +141,7 @@ class DataEngine : public ::testing::Test {
   static void SetUpTestSuite() {
     source_ = new CTempDir;
     MakeTree(source_->Path());
-    tree_ = new Tree(Snapshot(source_->Path()));
+    tree_ = new Tree(testing::SnapshotTree(source_->Path()));
     image_ = new CImage;
     ASSERT_EQ(Backup(source_->Path(), false, image_), CSimHaltReason::kSuccessful);
     for (const CSimFileEntry& e : image_->files) fh_[e.path] = e.fhInfo;
@@ -181,13 +161,13 @@ TEST_F(DataEngine, ImageIsReadByGnuTarAndRestoresWhole) {
   ASSERT_EQ(std::system(("tar -x -f " + out.File("image.tar") + " -C " + out.File("gnu")).c_str()),
             0);
   EXPECT_EQ(Paths(image_->files), Paths(*tree_));
-  EXPECT_EQ(Snapshot(out.File("gnu")), *tree_);
+  EXPECT_EQ(testing::SnapshotTree(out.File("gnu")), *tree_);
 
   CFeed feed{image_->bytes};
   CSimRecoverJob job;
   job.items = {{"/", out.File("engine"), kAll}};
   ASSERT_EQ(feed.Recover(job), CSimHaltReason::kSuccessful);
-  EXPECT_EQ(Snapshot(out.File("engine")), *tree_);
+  EXPECT_EQ(testing::SnapshotTree(out.File("engine")), *tree_);
   EXPECT_EQ(feed.requests, (decltype(feed.requests){{0, kAll}}));
 }
 
@@ -263,7 +243,7 @@ TEST_F(DataEngine, SelectiveRestoreReadsOnlyWhatItNeeds) {
     }
     CFeed feed{image_->bytes};
     ASSERT_EQ(feed.Recover(job), CSimHaltReason::kSuccessful) << c.items[0].first;
-    Tree restored = Snapshot(out.Path());
+    Tree restored = testing::SnapshotTree(out.Path());
     restored.erase("/");
     EXPECT_EQ(restored, expected) << c.items[0].first;
     std::uint64_t bounded = 0;

@@ -94,14 +94,19 @@ TEST(VirtualTape, WritingInTheMiddleDiscardsTheRestAndPersists) {
   EXPECT_EQ(reopened->ReadRecord(100, &data), Status::kEndOfData);
 }
 
-TEST(VirtualTape, TornLastEntryIsDroppedAndOverwritten) {
+// Capacity and the end of medium are checked through the simulator's tape agent.
+TEST(VirtualTape, TornLastEntryIsDroppedAndOverwrittenAndOtherFilesAreRefused) {
   CTempDir dir;
   MakeTape(dir.File("t"));
+  WriteRandomFile(dir.File("junk"), 100, 3);
+  std::string error;
+  EXPECT_FALSE(CVirtualTape::Open(dir.File("junk"), false, 100, &error));
+  EXPECT_FALSE(CVirtualTape::LooksLikeTape(dir.File("junk")));
+  EXPECT_TRUE(CVirtualTape::LooksLikeTape(dir.File("t")));
   struct stat info {};
   ASSERT_EQ(::stat(dir.File("t").c_str(), &info), 0);
   // Cut into the last record's data: the filemark after it goes too.
   ASSERT_EQ(::truncate(dir.File("t").c_str(), info.st_size - 8 - 5), 0);
-  std::string error;
   auto tape = CVirtualTape::Open(dir.File("t"), false, 1 << 20, &error);
   ASSERT_TRUE(tape) << error;
   EXPECT_EQ(tape->EntryCount(), 3u);
@@ -114,17 +119,6 @@ TEST(VirtualTape, TornLastEntryIsDroppedAndOverwritten) {
   ASSERT_TRUE(tape) << error;
   EXPECT_EQ(tape->EntryCount(), 4u);
   EXPECT_EQ(tape->DataBytes(), 37u);
-}
-
-// Capacity and the end of medium are checked through the simulator's tape agent.
-TEST(VirtualTape, RefusesFilesThatAreNotTapes) {
-  CTempDir dir;
-  WriteRandomFile(dir.File("junk"), 100, 3);
-  std::string error;
-  EXPECT_FALSE(CVirtualTape::Open(dir.File("junk"), false, 100, &error));
-  EXPECT_FALSE(CVirtualTape::LooksLikeTape(dir.File("junk")));
-  MakeTape(dir.File("tape"));
-  EXPECT_TRUE(CVirtualTape::LooksLikeTape(dir.File("tape")));
 }
 
 }  // namespace

@@ -119,7 +119,8 @@ const std::vector<std::string>& MembersWithoutTsharkField();
 // Every case, built once.
 const std::vector<CTsharkCase>& AllTsharkCases();
 
-// Helpers for filling bodies.
+// Helpers for filling bodies, and lower-case hex as tshark shows bytes.
 std::vector<unsigned char> Pattern(std::size_t length, unsigned char first);
+std::string HexOf(const std::string& bytes);
 
 }  // namespace com::vx::korvane::ndmpc::testing

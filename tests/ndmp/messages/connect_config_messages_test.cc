@@ -3,47 +3,18 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <functional>
 #include <memory>
 #include <string>
-#include <typeinfo>
 #include <vector>
 
 #include "ndmpc/ndmp/messages/message_access.h"
+#include "tests/support/peer_support.h"
 #include "tests/support/wire_support.h"
 
-namespace com::vx::korvane::ndmpc {
+namespace com::vx::korvane::ndmpc::testing {
 namespace {
 
-using testing::Bytes;
-using testing::Concat;
-using testing::DecodeValue;
-using testing::EncodeValue;
-using testing::Hex;
 using Auth = enums::CNDMPEnumAuthType;
-
-std::vector<unsigned char> Counting(unsigned int length, unsigned char first = 1) {
-  std::vector<unsigned char> bytes(length);
-  for (unsigned int i = 0; i < length; ++i) bytes[i] = static_cast<unsigned char>(first + i);
-  return bytes;
-}
-
-void SetOpaque(CXDROpaque& opaque, const std::vector<unsigned char>& bytes) {
-  opaque.SetData(bytes.data(), bytes.size());
-}
-
-std::vector<unsigned char> OpaqueBytes(const CXDROpaque& opaque) {
-  const auto* data = static_cast<const unsigned char*>(opaque.GetData());
-  return std::vector<unsigned char>(data, data + opaque.GetSize());
-}
-
-// "abc" as an XDR string: length word, bytes, zero padding.
-std::vector<unsigned char> XdrString(const std::string& text) {
-  std::vector<unsigned char> bytes = Bytes({0, 0, 0, static_cast<int>(text.size())});
-  bytes.insert(bytes.end(), text.begin(), text.end());
-  while (bytes.size() % 4 != 0) bytes.push_back(0);
-  return bytes;
-}
 
 TEST(ConnectConfigMessages, ClientAuthEncodesTheArmOfItsType) {
   CNDMPConnectClientAuthRequest none;
@@ -206,4 +177,4 @@ TEST(AuthMD5, ComputeDigestHashesTheFixedBlockLayout) {
 }
 
 }  // namespace
-}  // namespace com::vx::korvane::ndmpc
+}  // namespace com::vx::korvane::ndmpc::testing

@@ -2,27 +2,13 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
-#include <memory>
-#include <typeinfo>
 #include <vector>
 
 #include "ndmpc/ndmp/messages/message_access.h"
 #include "tests/support/wire_support.h"
 
-namespace com::vx::korvane::ndmpc {
+namespace com::vx::korvane::ndmpc::testing {
 namespace {
-
-using testing::Bytes;
-using testing::DecodeValue;
-using testing::EncodeValue;
-using testing::Hex;
-
-void SetOpaque(CXDROpaque& opaque, unsigned int length, unsigned char first) {
-  std::vector<unsigned char> bytes(length);
-  for (unsigned int i = 0; i < length; ++i) bytes[i] = static_cast<unsigned char>(first + i);
-  opaque.SetData(bytes.data(), bytes.size());
-}
 
 TEST(ScsiTapeMessages, TapeStateCarriesTwo64BitSpacesAfterSevenWordsAndPartitionInVersion3) {
   const auto wire = Bytes({0, 0, 0, 0x11,                       // Unsupported
@@ -90,7 +76,7 @@ TEST(ScsiTapeMessages, CdbBodiesAreSharedAndDifferOnlyInCode) {
     request->Flags = 1;
     request->TimeOut = 30000;
     request->DataInLength = 36;
-    SetOpaque(request->CmdDataBlock, 6, 0x12);
+    SetOpaque(request->CmdDataBlock, Counting(6, 0x12));
   }
   const auto requestWire = Bytes({0, 0, 0, 1, 0, 0, 0x75, 0x30, 0, 0, 0, 36,        //
                                   0, 0, 0, 6, 0x12, 0x13, 0x14, 0x15, 0x16, 0x17, 0, 0,  //
@@ -123,4 +109,4 @@ TEST(ScsiTapeMessages, TapeStateDumpShowsNestedQuads) {
 }
 
 }  // namespace
-}  // namespace com::vx::korvane::ndmpc
+}  // namespace com::vx::korvane::ndmpc::testing

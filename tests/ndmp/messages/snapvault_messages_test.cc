@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <initializer_list>
 #include <memory>
-#include <string>
 #include <vector>
 
 #include "ndmpc/ndmp/messages/message_access.h"
