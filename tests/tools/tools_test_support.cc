@@ -214,8 +214,13 @@ void BuildTestTree(const std::string& root, int files, bool big) {
     ::utimensat(AT_FDCWD, path.c_str(), times, 0);
   }
   if (big) WriteRandomFile(root + "/a/big.bin", 20 << 20, 7);
+  WriteRandomFile(root + "/a/" + std::string(100, 'n'), 513, 5);  // the longest plain tar name
   std::filesystem::create_symlink("b c/f1", root + "/a/link");
+  std::filesystem::create_symlink("b c", root + "/a/to dir");
   std::filesystem::create_symlink("../dangling", root + "/z/dead link");
+  const struct timespec dirTimes[2] = {{1300000000, 0}, {1200000000, 0}};
+  ::chmod((root + "/a/b c").c_str(), 0700);
+  ::utimensat(AT_FDCWD, (root + "/a/b c").c_str(), dirTimes, 0);
 }
 
 std::map<std::string, std::string> SnapshotTree(const std::string& root) {

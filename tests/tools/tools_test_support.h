@@ -84,7 +84,8 @@ class CClient {
 
 // Writes a test tree under `root`: `files` small files (every tenth empty)
 // in nested directories, an empty directory, a 20 MB file when `big`, long,
-// spaced and non-ASCII names, and symbolic links; mtimes and modes vary.
+// spaced and non-ASCII names, and symbolic links (to a file, to a directory,
+// dangling); mtimes and modes of files and of one directory vary.
 // The long name is kLongName.
 void BuildTestTree(const std::string& root, int files, bool big);
 inline const std::string kLongName(120, 'L');
