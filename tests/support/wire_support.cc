@@ -16,16 +16,23 @@
 namespace com::vx::korvane::ndmpc::testing {
 namespace {
 
-// Appends everything readable from `fd` until end of data, an error, or
-// kWaitMs without any byte.
-void ReadUntilEnd(int fd, std::vector<unsigned char>* out) {
+// Appends what `fd` delivers to `out` until `out` holds `limit` bytes, the
+// data ends, an error, or the wait runs out: kWaitMs without a byte, or
+// kWaitMs in all when `overall`.
+void ReadInto(int fd, std::vector<unsigned char>* out, std::size_t limit, bool overall) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
   unsigned char buffer[16384];
-  for (;;) {
+  while (out->size() < limit) {
+    const auto left = !overall ? kWaitMs
+                               : std::chrono::duration_cast<std::chrono::milliseconds>(
+                                     deadline - std::chrono::steady_clock::now())
+                                     .count();
+    if (left <= 0) return;
     pollfd p{fd, POLLIN, 0};
-    int r = poll(&p, 1, kWaitMs);
+    const int r = poll(&p, 1, static_cast<int>(left));
     if (r < 0 && errno == EINTR) continue;
     if (r <= 0) return;
-    ssize_t n = ::recv(fd, buffer, sizeof(buffer), 0);
+    const ssize_t n = ::recv(fd, buffer, std::min(sizeof(buffer), limit - out->size()), 0);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) return;
     out->insert(out->end(), buffer, buffer + n);
@@ -94,30 +101,14 @@ bool CLoopbackTcp::PeerWrite(const std::vector<unsigned char>& bytes) {
 }
 
 std::vector<unsigned char> CLoopbackTcp::PeerRead(std::size_t count) {
-  std::vector<unsigned char> out(count);
-  std::size_t done = 0;
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
-  while (done < count) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                    deadline - std::chrono::steady_clock::now())
-                    .count();
-    if (left <= 0) break;
-    pollfd p{peer, POLLIN, 0};
-    int r = poll(&p, 1, static_cast<int>(left));
-    if (r < 0 && errno == EINTR) continue;
-    if (r <= 0) break;
-    ssize_t n = ::recv(peer, out.data() + done, count - done, 0);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
-    done += static_cast<std::size_t>(n);
-  }
-  out.resize(done);
+  std::vector<unsigned char> out;
+  ReadInto(peer, &out, count, true);
   return out;
 }
 
 std::vector<unsigned char> CLoopbackTcp::PeerReadAll() {
   std::vector<unsigned char> out;
-  ReadUntilEnd(peer, &out);
+  ReadInto(peer, &out, SIZE_MAX, false);
   return out;
 }
 
@@ -137,7 +128,7 @@ void CLoopbackTcp::PeerReset() {
 std::vector<unsigned char> CaptureRecordBytes(const std::function<void(CXDRStream&)>& write) {
   CSocketPair pair;
   std::vector<unsigned char> received;
-  std::thread reader([&] { ReadUntilEnd(pair.b.descriptor(), &received); });
+  std::thread reader([&] { ReadInto(pair.b.descriptor(), &received, SIZE_MAX, false); });
   {
     VxLog quiet;
     quiet.setLevel(0);

@@ -43,24 +43,14 @@ TEST(ConnectConfigMessages, ClientAuthEncodesTheArmOfItsType) {
 }
 
 TEST(ConnectConfigMessages, AuthAttrCarriesTheChallengeOnlyForMd5) {
-  struct Case {
-    Auth::enum_value type;
-    std::size_t length;
-  };
-  for (const Case& c : {Case{Auth::NDMP_AUTH_NONE, 4}, Case{Auth::NDMP_AUTH_TEXT, 4},
-                        Case{Auth::NDMP_AUTH_MD5, 68}}) {
-    SCOPED_TRACE(c.type);
-    CNDMPAuthAttr attr(c.type);
+  for (const auto type : {Auth::NDMP_AUTH_NONE, Auth::NDMP_AUTH_TEXT, Auth::NDMP_AUTH_MD5}) {
+    SCOPED_TRACE(type);
+    CNDMPAuthAttr attr(type);
     SetOpaque(attr.Challenge, Counting(64));
-    auto bytes = EncodeValue(attr);
-    ASSERT_EQ(bytes.size(), c.length);
-    EXPECT_EQ(attr.SerializeSize(), c.length);
-    EXPECT_EQ(Hex(std::vector<unsigned char>(bytes.begin(), bytes.begin() + 4)),
-              Hex(Bytes({0, 0, 0, static_cast<int>(c.type)})));
-    if (c.length == 68) {
-      EXPECT_EQ(Hex(std::vector<unsigned char>(bytes.begin() + 4, bytes.end())),
-                Hex(Counting(64)));
-    }
+    const auto expected =
+        type == Auth::NDMP_AUTH_MD5 ? Concat({Words({type}), Counting(64)}) : Words({type});
+    EXPECT_EQ(Hex(EncodeValue(attr)), Hex(expected));
+    EXPECT_EQ(attr.SerializeSize(), expected.size());
   }
   // The default type of each union member as the messages create them.
   CNDMPConfigGetAuthAttrReply attrReply;

@@ -5,7 +5,6 @@
 
 #include <cstdlib>
 #include <memory>
-#include <set>
 #include <string>
 #include <type_traits>
 #include <typeinfo>
@@ -122,22 +121,6 @@ TEST(MessageFactory, GivesNullForCodesOutsideTheTable) {
     std::unique_ptr<CNDMPMessage> made(CNDMPMessageAccess::Make(code, 0));
     EXPECT_EQ(made, nullptr) << std::hex << "code 0x" << code;
   }
-}
-
-TEST(MessageFactory, EveryNamedCodeIsMadeOrDeliberatelyNot) {
-  // Names without message classes: the empty code and the extension bases.
-  const std::set<unsigned int> deliberatelyNot = {CNDMPMessageCode::NDMP_NO_MESSAGE,
-                                                  CNDMPMessageCode::NDMP_EXT_STANDARD_BASE,
-                                                  CNDMPMessageCode::NDMP_EXT_PROPRIETARY_BASE};
-  const enums::CEnumTable& names = CNDMPMessageCode::Table();
-  for (size_t i = 0; i < names.count; ++i) {
-    unsigned int code = names.rows[i].value;
-    bool made = FindNDMPFactoryEntry(code) != nullptr;
-    EXPECT_NE(made, deliberatelyNot.count(code) == 1) << names.rows[i].name;
-  }
-  // And one code is made although it has no name.
-  EXPECT_NE(FindNDMPFactoryEntry(0x20500108), nullptr);
-  EXPECT_EQ(CNDMPMessageCode::ToString(0x20500108), "UNKNOWN");
 }
 
 // A packet written with Serialize + flushRecord, as the sender does.
