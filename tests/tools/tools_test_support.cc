@@ -216,7 +216,7 @@ void BuildTestTree(const std::string& root, int files, bool big) {
   if (big) WriteRandomFile(root + "/a/big.bin", 20 << 20, 7);
   WriteRandomFile(root + "/a/" + std::string(100, 'n'), 513, 5);  // the longest plain tar name
   std::filesystem::create_symlink("b c/f1", root + "/a/link");
-  std::filesystem::create_symlink("b c", root + "/a/to dir");
+  std::filesystem::create_symlink("b c", root + "/a/dir link");
   std::filesystem::create_symlink("../dangling", root + "/z/dead link");
   const struct timespec dirTimes[2] = {{1300000000, 0}, {1200000000, 0}};
   ::chmod((root + "/a/b c").c_str(), 0700);
