@@ -65,10 +65,8 @@ TEST(IndexCli, BackupsListAsTheTreeAndRestoreExactlyTheChosenPaths) {
   const std::vector<std::string> types = {"tar", "dump"};  // path-based, node-based history
   for (std::size_t b = 0; b < types.size(); ++b) {
     SCOPED_TRACE(types[b]);
-    std::vector<std::string> args = sim.Target();
-    args.insert(args.end(), {"backup", "/src", "--tape", "t" + types[b], "--type", types[b],
-                             "--index", index, "--json"});
-    CRunResult r = RunNdmpc(args);
+    CRunResult r = RunNdmpc(With(sim.Target(), {"backup", "/src", "--tape", "t" + types[b], "--type",
+                                                 types[b], "--index", index, "--json"}));
     CJson backup, restore;
     ASSERT_EQ(r.status, 0) << r.err;
     ASSERT_TRUE(ParseJson(r.out, &backup)) << r.out;
@@ -83,10 +81,8 @@ TEST(IndexCli, BackupsListAsTheTreeAndRestoreExactlyTheChosenPaths) {
 
     // Two files and a directory, read at their offsets into the image.
     const std::string to = "/sel-" + types[b];
-    args = sim.Target();
-    args.insert(args.end(), {"restore", "--index", index, "--backup", id, "/a/f1", "a/b c",
-                             deep + "/f5", "--to", to, "--json"});
-    r = RunNdmpc(args);
+    r = RunNdmpc(With(sim.Target(), {"restore", "--index", index, "--backup", id, "/a/f1", "a/b c",
+                                     deep + "/f5", "--to", to, "--json"}));
     ASSERT_EQ(r.status, 0) << r.err;
     ASSERT_TRUE(ParseJson(r.out, &restore)) << r.out;
     // Only the chosen parts of the image were read, each at its offset.

@@ -12,11 +12,6 @@
 namespace com::vx::korvane::ndmpc::tools::testing {
 namespace {
 
-std::vector<std::string> With(std::vector<std::string> base, const std::vector<std::string>& more) {
-  base.insert(base.end(), more.begin(), more.end());
-  return base;
-}
-
 bool Contains(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
 }

@@ -159,11 +159,8 @@ CSimFixture::CSimFixture(CSimServerConfig config) {
 CSimFixture::~CSimFixture() { server_->Stop(); }
 
 std::vector<std::string> CSimFixture::Target(bool withCredentials) const {
-  std::vector<std::string> args = {"-H", "127.0.0.1", "-p", std::to_string(Port())};
-  if (withCredentials) {
-    args.insert(args.end(), {"-u", "ndmp", "--password", "secret"});
-  }
-  return args;
+  const std::vector<std::string> args = {"-H", "127.0.0.1", "-p", std::to_string(Port())};
+  return withCredentials ? With(args, {"-u", "ndmp", "--password", "secret"}) : args;
 }
 
 bool CClient::Open(const char* user, const char* password, unsigned int version) {
@@ -275,6 +272,11 @@ pid_t Spawn(const std::vector<std::string>& args, int outPipe[2], int errPipe[2]
 }
 
 }  // namespace
+
+std::vector<std::string> With(std::vector<std::string> base, const std::vector<std::string>& more) {
+  base.insert(base.end(), more.begin(), more.end());
+  return base;
+}
 
 CRunResult RunNdmpc(const std::vector<std::string>& args, int timeoutSeconds) {
   CBackgroundNdmpc run(args);

@@ -100,6 +100,9 @@ struct CRunResult {
   std::string err;
 };
 
+// `base` followed by `more`, for building command lines: With(sim.Target(), {"info"}).
+std::vector<std::string> With(std::vector<std::string> base, const std::vector<std::string>& more);
+
 // Runs the built ndmpc with `args`, without NDMP_* variables in its
 // environment, killing it after `timeoutSeconds`.
 CRunResult RunNdmpc(const std::vector<std::string>& args, int timeoutSeconds = 60);

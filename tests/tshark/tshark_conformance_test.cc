@@ -87,10 +87,7 @@ std::vector<unsigned char> EncodePacket(CNDMPMessage& body, unsigned version,
     serialized = packet.Serialize(stream);
     flushed = stream.flushRecord();
   });
-  if (serialized == XDR_FAILURE || flushed == XDR_FAILURE) {
-    *problem = "encoding failed (Serialize " + std::to_string(serialized) + ", flushRecord " +
-               std::to_string(flushed) + ")";
-  }
+  if (serialized == XDR_FAILURE || flushed == XDR_FAILURE) *problem = "encoding failed";
   return raw;
 }
 

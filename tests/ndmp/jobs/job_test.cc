@@ -124,9 +124,7 @@ TEST_P(TwoWayJob, BacksUpRestoresWholeAndSelectedFilesWithExactHistory) {
 
   // The image on tape is a tar archive GNU tar lists entry for entry.
   const std::string image = root.File("image.tar");
-  std::vector<std::string> read = sim.Target();
-  read.insert(read.end(), {"tape", "read", "t1", image});
-  ASSERT_EQ(RunNdmpc(read).status, 0);
+  ASSERT_EQ(RunNdmpc(With(sim.Target(), {"tape", "read", "t1", image})).status, 0);
   FILE* tar = ::popen(("tar -tf '" + image + "' 2>&1").c_str(), "r");
   std::set<std::string> listed;
   for (char line[8192]; tar != nullptr && std::fgets(line, sizeof line, tar) != nullptr;) {
