@@ -72,13 +72,11 @@ bool CNdmjobServer::Start(int timeoutMs) {
     return false;
   }
   std::string pattern = (std::filesystem::temp_directory_path() / "ndmpc-ndmjob-XXXXXX").string();
-  std::vector<char> buffer(pattern.begin(), pattern.end());
-  buffer.push_back('\0');
-  if (::mkdtemp(buffer.data()) == nullptr) {
+  if (::mkdtemp(pattern.data()) == nullptr) {
     error_ = std::string("mkdtemp: ") + std::strerror(errno);
     return false;
   }
-  directory_ = buffer.data();
+  directory_ = pattern;
   std::ofstream(directory_ + "/ndmjob.conf").close();
   // A port can be taken between probing and binding: a few fresh tries.
   for (int attempt = 0; attempt < 3; ++attempt) {

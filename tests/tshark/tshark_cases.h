@@ -76,17 +76,13 @@ class CCaseList {
   template <class T, class Fill>
   CTsharkCase& Add(const char* family, unsigned version, Fill fill,
                    std::vector<CExpectedField> fields, const std::string& suffix = "") {
-    CTsharkCase c;
-    c.family = family;
-    c.version = version;
-    c.make = [version, fill]() -> std::unique_ptr<CNDMPMessage> {
+    auto make = [version, fill]() -> std::unique_ptr<CNDMPMessage> {
       auto m = std::make_unique<T>();
       m->SetProtocolVersion(CXDREnumBase<enums::CNDMPProtocolVersion>(version));
       fill(*m);
       return m;
     };
-    c.fields = std::move(fields);
-    return Push(std::move(c), suffix);
+    return AddMade(family, version, make, std::move(fields), suffix);
   }
   // A case for the body `make` returns, already at `version`.
   CTsharkCase& AddMade(const char* family, unsigned version,

@@ -109,15 +109,12 @@ std::vector<std::size_t> ConversationOrder(const std::vector<CTsharkCase>& cases
   return order;
 }
 
-std::string TempPath(const char* suffix) {
-  std::string pattern = "/tmp/ndmpc_tshark_XXXXXX";
-  pattern += suffix;
-  std::vector<char> buffer(pattern.begin(), pattern.end());
-  buffer.push_back('\0');
-  const int fd = ::mkstemps(buffer.data(), static_cast<int>(std::string(suffix).size()));
+std::string TempPath(const std::string& suffix) {
+  std::string path = "/tmp/ndmpc_tshark_XXXXXX" + suffix;
+  const int fd = ::mkstemps(path.data(), static_cast<int>(suffix.size()));
   if (fd < 0) return std::string();
   ::close(fd);
-  return buffer.data();
+  return path;
 }
 
 void BuildAndDecode(CRun& run) {
@@ -167,8 +164,7 @@ void BuildAndDecode(CRun& run) {
   }
   std::string error;
   if (!RunTshark(run.tshark,
-                 {"-n", "-r", run.pcapPath, "-T", "pdml", "-o", "tcp.check_checksum:TRUE", "-o",
-                  "ip.check_checksum:TRUE"},
+                 {"-n", "-r", run.pcapPath, "-T", "pdml"},
                  run.pdmlPath, &error)) {
     run.error = error;
     return;
@@ -242,20 +238,11 @@ class CTsharkCleanup : public ::testing::Environment {
 // Checks one message against what tshark made of its frame.
 void CheckCase(const CTsharkCase& c, const CSent& sent) {
   SCOPED_TRACE(c.name + " (frame " + std::to_string(sent.frame) + ")");
-  if (!sent.problem.empty()) {
-    ADD_FAILURE() << sent.problem;
-    return;
-  }
+  ASSERT_TRUE(sent.problem.empty()) << sent.problem;
   auto found = Capture().packets.find(sent.frame);
-  if (found == Capture().packets.end()) {
-    ADD_FAILURE() << "tshark did not show frame " << sent.frame;
-    return;
-  }
+  ASSERT_TRUE(found != Capture().packets.end()) << "tshark did not show frame " << sent.frame;
   const CPdmlPacket& packet = found->second;
-  if (!packet.HasProtocol("ndmp")) {
-    ADD_FAILURE() << "tshark did not decode the frame as NDMP";
-    return;
-  }
+  ASSERT_TRUE(packet.HasProtocol("ndmp")) << "tshark did not decode the frame as NDMP";
   const bool unknown = !packet.Find("ndmp.msg.unknown").empty();
   if (unknown && !c.unknownToTshark) ADD_FAILURE() << "tshark did not know the message";
   for (const CTsharkProblem& problem : ProblemsOf(packet)) {
@@ -273,10 +260,7 @@ void CheckCase(const CTsharkCase& c, const CSent& sent) {
         << want.field << ": expected " << want.expected << ", tshark shows" << Describe(got);
   }
   auto errors = NdmpFields(packet, "ndmp.error");
-  if (errors.empty()) {
-    ADD_FAILURE() << "tshark shows no header error";
-    return;
-  }
+  ASSERT_FALSE(errors.empty()) << "tshark shows no header error";
   EXPECT_TRUE(Matches(Num("ndmp.error", c.headerError), *errors[0]))
       << "header ndmp.error: expected " << c.headerError << ", tshark shows"
       << Describe({errors[0]});
@@ -293,10 +277,7 @@ void CheckCase(const CTsharkCase& c, const CSent& sent) {
   // The body: tshark must read up to its last byte (but for a known,
   // documented tail).
   const auto headers = NdmpFields(packet, "ndmp.header");
-  if (headers.size() != 1) {
-    ADD_FAILURE() << "tshark shows " << headers.size() << " NDMP headers";
-    return;
-  }
+  ASSERT_EQ(headers.size(), 1u) << "NDMP headers tshark shows";
   const std::size_t end = headers[0]->pos + headers[0]->size + sent.bodyLength;
   // What tshark's SCSI decoder reads of CDB, data and sense bytes counts.
   std::size_t readUpTo = 0;
@@ -308,13 +289,9 @@ void CheckCase(const CTsharkCase& c, const CSent& sent) {
   // Padding to the next 4-byte boundary is not always shown.
   const std::size_t start = headers[0]->pos;
   if (readUpTo > start) readUpTo = start + (readUpTo - start + 3) / 4 * 4;
-  if (readUpTo != end && readUpTo + c.undecodedTail != end) {
-    ADD_FAILURE() << "tshark read the body up to byte " << readUpTo - headers[0]->pos - 24
-                  << " of " << sent.bodyLength
-                  << (c.undecodedTail != 0 ? " (or " + std::to_string(c.undecodedTail) +
-                                                 " bytes short of it: " + c.note + ")"
-                                           : std::string());
-  }
+  EXPECT_TRUE(readUpTo == end || readUpTo + c.undecodedTail == end)
+      << "tshark read the body up to byte " << readUpTo - start - 24 << " of " << sent.bodyLength
+      << " (or " << c.undecodedTail << " bytes short of it: " << c.note << ")";
 
   // Body fields: per field name, every value tshark shows, in order.
   std::map<std::string, std::vector<const CExpectedField*>> wanted;
@@ -329,12 +306,10 @@ void CheckCase(const CTsharkCase& c, const CSent& sent) {
     const auto& want = wanted[name];
     bool same = got.size() == want.size();
     for (std::size_t i = 0; same && i < want.size(); ++i) same = Matches(*want[i], *got[i]);
-    if (!same) {
-      std::ostringstream expected;
-      for (const CExpectedField* w : want) expected << " " << w->expected;
-      ADD_FAILURE() << name << ":\n    expected" << expected.str() << "\n    tshark shows"
-                    << Describe(got);
-    }
+    std::ostringstream expected;
+    for (const CExpectedField* w : want) expected << " " << w->expected;
+    EXPECT_TRUE(same) << name << ":\n    expected" << expected.str() << "\n    tshark shows"
+                      << Describe(got);
   }
 }
 
