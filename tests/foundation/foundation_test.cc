@@ -24,7 +24,7 @@ using testing::CCapturingLog;
 using testing::CLoopbackTcp;
 using testing::kWaitMs;
 
-TEST(ThreadEvent, AutoResetReleasesOneWaitAtATimeAndClears) {
+TEST(ThreadEvent, AutoResetReleasesOneWaitAtATimeManualResetAll) {
   VxThreadEvent event(VxThreadEvent::kAutoReset, false);
   EXPECT_EQ(event.wait(10), VX_WAIT_TIMEOUT);
   event.set();
@@ -55,24 +55,23 @@ TEST(ThreadEvent, AutoResetReleasesOneWaitAtATimeAndClears) {
   second.join();
   EXPECT_EQ(released.load(), 2);
   EXPECT_FALSE(event.isSet());
-}
 
-TEST(ThreadEvent, ManualResetReleasesEveryWaiterUntilReset) {
-  VxThreadEvent event(VxThreadEvent::kManualReset, false);
-  std::atomic<int> released{0};
+  // A manual-reset event releases every waiter until it is reset.
+  VxThreadEvent manual(VxThreadEvent::kManualReset, false);
+  released = 0;
   std::vector<std::thread> waiters;
   for (int i = 0; i < 4; ++i) {
     waiters.emplace_back([&] {
-      if (event.wait(kWaitMs) == 0) ++released;
+      if (manual.wait(kWaitMs) == 0) ++released;
     });
   }
-  event.set();
+  manual.set();
   for (auto& t : waiters) t.join();
   EXPECT_EQ(released.load(), 4);
-  EXPECT_EQ(event.wait(0), 0u);
-  EXPECT_TRUE(event.isSet());
-  event.reset();
-  EXPECT_EQ(event.wait(10), VX_WAIT_TIMEOUT);
+  EXPECT_EQ(manual.wait(0), 0u);
+  EXPECT_TRUE(manual.isSet());
+  manual.reset();
+  EXPECT_EQ(manual.wait(10), VX_WAIT_TIMEOUT);
 }
 
 class CLoopThread : public VxThread {

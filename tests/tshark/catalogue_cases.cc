@@ -189,10 +189,7 @@ void Expect(CIXDR& value, const std::string& code, const std::string& path,
     if (name->shown == EShown::kIp) {
       fields.push_back(Ip(name->field, v));
     } else if (name->shown == EShown::kWord) {
-      fields.push_back(Raw(name->field, {static_cast<unsigned char>(v >> 24),
-                                         static_cast<unsigned char>(v >> 16),
-                                         static_cast<unsigned char>(v >> 8),
-                                         static_cast<unsigned char>(v)}));
+      fields.push_back(Raw(name->field, Words({v})));
     } else {
       fields.push_back(Num(name->field, v));
     }

@@ -35,11 +35,6 @@ CServingPeer::Answer Answer(Fill fill) {
   };
 }
 
-// Answers every tape open with a reply carrying `error`.
-CServingPeer::Answer OpenAnswer(unsigned int error) {
-  return Answer<CNDMPTapeOpenReply>([error](CNDMPTapeOpenReply& reply) { reply.NDMP_Error = error; });
-}
-
 TEST(TapeHelper, ArgumentErrorsSendNothingAndLeaveOutputs) {
   CServingPeer peer(Answer<CNDMPTapeCloseReply>([](CNDMPTapeCloseReply&) {}));
   ASSERT_TRUE(peer.ok());
@@ -79,7 +74,8 @@ TEST(TapeHelper, ArgumentErrorsSendNothingAndLeaveOutputs) {
 }
 
 TEST(TapeHelper, OpenRetriesBusyDeviceElevenTimesAboutOneSecondApart) {
-  CServingPeer peer(OpenAnswer(CNDMPError::NDMP_DEVICE_BUSY_ERR));
+  CServingPeer peer(Answer<CNDMPTapeOpenReply>(
+      [](CNDMPTapeOpenReply& reply) { reply.NDMP_Error = CNDMPError::NDMP_DEVICE_BUSY_ERR; }));
   ASSERT_TRUE(peer.ok());
   EXPECT_EQ(CNDMPTapeHelper::TapeOpen(&peer.client(), "/dev/nst0", kRdwr, true),
             CNDMPError::NDMP_DEVICE_BUSY_ERR);

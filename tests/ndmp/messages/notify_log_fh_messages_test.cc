@@ -23,14 +23,6 @@ CNDMPFileName UnixName(const char* path) {
   return name;
 }
 
-CNDMPFileName NtName(const char* path, const char* dos) {
-  CNDMPFileName name;
-  name.FileSystemType = CNDMPEnumFSType::NDMP_FS_NT;
-  name.WindowsFileName.NTPath = path;
-  name.WindowsFileName.DOSPath = dos;
-  return name;
-}
-
 CNDMPFileStat Stat(std::uint32_t seed) {
   CNDMPFileStat stat;
   stat.Unsupported = seed;
@@ -82,7 +74,11 @@ TEST(FhAddFilePost, EncodesUnixAndNtEntries) {
   unixFile.Node = CNDMPUQuad(8);
   unixFile.FileHistInfo = CNDMPUQuad(9);
   CNDMPFile ntFile;
-  ntFile.FileNameList.AddItem(NtName("C:\\x", "X"));
+  CNDMPFileName nt;
+  nt.FileSystemType = CNDMPEnumFSType::NDMP_FS_NT;
+  nt.WindowsFileName.NTPath = "C:\\x";
+  nt.WindowsFileName.DOSPath = "X";
+  ntFile.FileNameList.AddItem(nt);
   ntFile.Node = CNDMPUQuad(10);
   ntFile.FileHistInfo = CNDMPUQuad(0x100000000ull);
   CNDMPFhAddFilePost post;
