@@ -140,7 +140,11 @@ class Ndmjob : public ::testing::Test {
   std::unique_ptr<CNDMPConnection> connection_;
 };
 
-TEST_F(Ndmjob, NegotiatesVersion4OrTheForcedVersion3AndAnswersEveryConfigQuery) {
+// A request with a code that no interface defines.
+class CUnknownRequest
+    : public CNDMPMessageImpl<CUnknownRequest, CNDMPGenericRequest, 0x0000F0F0> {};
+
+TEST_F(Ndmjob, NegotiatesAnswersConfigQueriesAndOutlivesUnansweredRequests) {
   // The server's greeting reaches a callback registered for it.
   CPacketRecorder posts;
   CNDMPCallbackRegistration* registration =
@@ -158,6 +162,24 @@ TEST_F(Ndmjob, NegotiatesVersion4OrTheForcedVersion3AndAnswersEveryConfigQuery) 
   std::unique_ptr<CNDMPMoverGetStateReply> v4 = MoverState();
   ASSERT_NE(v4, nullptr);
   EXPECT_EQ(v4->State, CNDMPEnumMoverState::NDMP_MOVER_STATE_IDLE);
+  CNDMPConfigGetExtListRequest extList;
+  CUnknownRequest unknown;
+  CNDMPConnectServerAuthRequest serverAuth;
+  struct Case {
+    CNDMPMessage* request;
+    unsigned int expected;
+  };
+  // The server stays silent on the first two (only the time-out tells) and
+  // refuses the server authentication with a bare header; the connection
+  // stays usable for the queries after them.
+  for (const Case& k : {Case{&extList, CNDMPError::NDMP_TIMEOUT_ERR},
+                        Case{&unknown, CNDMPError::NDMP_TIMEOUT_ERR},
+                        Case{&serverAuth, CNDMPError::NDMP_NOT_SUPPORTED_ERR}}) {
+    CNDMPMessage* reply = nullptr;
+    EXPECT_EQ(connection_->SendMessage(*k.request, &reply, 2), k.expected)
+        << CNDMPMessageAccess::Code(*k.request).ToString();
+    EXPECT_EQ(reply, nullptr);
+  }
   auto host = AskNoError<CNDMPConfigGetHostInfoRequest, CNDMPConfigGetHostInfoReply>();
   ASSERT_NE(host, nullptr);
   EXPECT_FALSE(host->OSType.GetString().empty());
@@ -248,31 +270,6 @@ TEST_F(Ndmjob, AuthenticationRefusalsLeaveTheConnectionOpenForTheRightPassword) 
   EXPECT_STREQ(connection_->GetUserName(), CNdmjobServer::kUser);
 }
 
-// A request with a code that no interface defines.
-class CUnknownRequest
-    : public CNDMPMessageImpl<CUnknownRequest, CNDMPGenericRequest, 0x0000F0F0> {};
-
-TEST_F(Ndmjob, UnansweredRequestsTimeOutAndConnectionStaysUsable) {
-  ASSERT_NO_FATAL_FAILURE(ConnectAndLogIn());
-  CNDMPConfigGetExtListRequest extList;
-  CUnknownRequest unknown;
-  CNDMPConnectServerAuthRequest serverAuth;
-  struct Case {
-    CNDMPMessage* request;
-    unsigned int expected;
-  };
-  // The server stays silent on the first two (only the time-out tells) and
-  // refuses the server authentication with a bare header.
-  for (const Case& k : {Case{&extList, CNDMPError::NDMP_TIMEOUT_ERR},
-                        Case{&unknown, CNDMPError::NDMP_TIMEOUT_ERR},
-                        Case{&serverAuth, CNDMPError::NDMP_NOT_SUPPORTED_ERR}}) {
-    CNDMPMessage* reply = nullptr;
-    EXPECT_EQ(connection_->SendMessage(*k.request, &reply, 2), k.expected)
-        << CNDMPMessageAccess::Code(*k.request).ToString();
-    EXPECT_EQ(reply, nullptr);
-  }
-  AskNoError<CNDMPConfigGetHostInfoRequest, CNDMPConfigGetHostInfoReply>();
-}
 
 TEST_F(Ndmjob, TapeSessionThroughHelpers) {
   ASSERT_NO_FATAL_FAILURE(ConnectAndLogIn());

@@ -32,6 +32,14 @@ TEST(ConnectConfigMessages, ClientAuthEncodesTheArmOfItsType) {
   text.AuthenticationData.TextAuthenticationData.AuthenticationPassword = "secret";
   EXPECT_EQ(Hex(EncodeValue(text)),
             Hex(Concat({Bytes({0, 0, 0, 1}), XdrString("bob"), XdrString("secret")})));
+  EXPECT_EQ(text.DumpContents(0),
+            "\nAuthenticationData = \n{"
+            "\n    AuthenticationType = 0x1:NDMP_AUTH_TEXT"
+            "\n    TextAuthenticationData = \n    {"
+            "\n        AuthenticationID = \"bob\""
+            "\n        AuthenticationPassword = \"secret\""
+            "\n    }"
+            "\n}");
 
   // The digest is fixed-length: 16 bytes with no length word before them.
   CNDMPConnectClientAuthRequest md5(Auth::NDMP_AUTH_MD5);
@@ -85,31 +93,8 @@ TEST(ConnectConfigMessages, DecodedUnionFollowsTheReceivedType) {
   EXPECT_EQ(Hex(EncodeValue(attr)), Hex(Bytes({0, 0, 0, 0})));
 }
 
-TEST(ConnectConfigMessages, ServerInfoWithEmptyAuthListDecodesToEmptyArray) {
-  CNDMPConfigGetServerInfoReply reply;
-  reply.AuthenticationTypes.AddItem(Auth::NDMP_AUTH_MD5);
-  reply.AuthenticationTypes.AddItem(Auth::NDMP_AUTH_TEXT);
-  const auto bytes =
-      Concat({Bytes({0, 0, 0, 0}), XdrString("V"), XdrString("P"), XdrString("1.0"),
-              Bytes({0, 0, 0, 0})});
-  EXPECT_EQ(DecodeValue(bytes, reply), 0);
-  EXPECT_EQ(reply.AuthenticationTypes.size(), 0u);
-  EXPECT_EQ(reply.RevisionNumber.GetString(), "1.0");
-}
-
-TEST(ConnectConfigMessages, DumpsNamesNestingAndSpelling) {
-  CNDMPConnectClientAuthRequest text(Auth::NDMP_AUTH_TEXT);
-  text.AuthenticationData.TextAuthenticationData.AuthenticationID = "bob";
-  text.AuthenticationData.TextAuthenticationData.AuthenticationPassword = "secret";
-  EXPECT_EQ(text.DumpContents(0),
-            "\nAuthenticationData = \n{"
-            "\n    AuthenticationType = 0x1:NDMP_AUTH_TEXT"
-            "\n    TextAuthenticationData = \n    {"
-            "\n        AuthenticationID = \"bob\""
-            "\n        AuthenticationPassword = \"secret\""
-            "\n    }"
-            "\n}");
-
+// The member keeps its spelling "VenderName"; an empty list received empties the array.
+TEST(ConnectConfigMessages, ServerInfoDumpsItsListAndDecodesAnEmptyOne) {
   CNDMPConfigGetServerInfoReply info;
   info.VenderName = "V";
   info.ProductName = "P";
@@ -125,6 +110,11 @@ TEST(ConnectConfigMessages, DumpsNamesNestingAndSpelling) {
             "\n    0x0:NDMP_AUTH_NONE"
             "\n    0x2:NDMP_AUTH_MD5"
             "\n}");
+  // An empty list received empties the array.
+  const auto bytes = Concat({Words({0}), XdrString("V"), XdrString("P"), XdrString("1.0"), Words({0})});
+  EXPECT_EQ(DecodeValue(bytes, info), 0);
+  EXPECT_EQ(info.AuthenticationTypes.size(), 0u);
+  EXPECT_EQ(info.RevisionNumber.GetString(), "1.0");
 }
 
 // The digest is the MD5 of a 128-byte block; the expected digests were taken
