@@ -123,7 +123,7 @@ class DataEngine : public ::testing::Test {
   static inline std::map<std::string, std::uint64_t> fh_;
 };
 
-TEST_F(DataEngine, ImageIsReadByGnuTarAndRestoresWhole) {
+TEST_F(DataEngine, ImageIsReadByGnuTarRestoresWholeAndItsHistoryDescribesTheTree) {
   // GNU tar extracts every entry with its mode, times, size, content and link.
   CTempDir out;
   std::ofstream(out.File("image.tar"), std::ios::binary) << image_->bytes;
@@ -139,17 +139,15 @@ TEST_F(DataEngine, ImageIsReadByGnuTarAndRestoresWhole) {
   ASSERT_EQ(feed.Recover(job), CSimHaltReason::kSuccessful);
   EXPECT_EQ(testing::SnapshotTree(out.File("engine")), *tree_);
   EXPECT_EQ(feed.requests, (decltype(feed.requests){{0, kAll}}));
-}
 
-TEST_F(DataEngine, HistoryDescribesTheTree) {
   // Path-based history from the backup and from reading the image back agree
   // on every entry's stat and offset; nodes are the files' inodes.
-  CFeed feed{image_->bytes};
-  CSimRecoverJob job;
+  CFeed history{image_->bytes};
+  job = CSimRecoverJob();
   job.historyOnly = true;
   std::vector<CSimFileEntry> reread;
   job.files = [&](auto& batch) { reread.insert(reread.end(), batch.begin(), batch.end()); };
-  ASSERT_EQ(feed.Recover(job), CSimHaltReason::kSuccessful);
+  ASSERT_EQ(history.Recover(job), CSimHaltReason::kSuccessful);
   ASSERT_EQ(reread.size(), image_->files.size());
   for (std::size_t i = 0; i < reread.size(); ++i) {
     const CSimFileEntry &a = image_->files[i], &b = reread[i];
