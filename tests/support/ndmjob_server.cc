@@ -149,8 +149,7 @@ bool CNdmjobServer::StartOnce(const std::string& program, int timeoutMs) {
     }
     pollfd p{stdoutFd_, POLLIN, 0};
     int r = ::poll(&p, 1, left);
-    if (r < 0 && errno == EINTR) continue;
-    if (r <= 0) continue;
+    if (r <= 0) continue;  // interrupted, or time is checked above
     char chunk[256];
     ssize_t n = ::read(stdoutFd_, chunk, sizeof chunk);
     if (n < 0 && errno == EINTR) continue;

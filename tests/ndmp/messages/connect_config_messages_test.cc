@@ -48,6 +48,18 @@ TEST(ConnectConfigMessages, ClientAuthEncodesTheArmOfItsType) {
   const auto md5Bytes = Concat({Bytes({0, 0, 0, 2}), XdrString("root"), Counting(16)});
   EXPECT_EQ(Hex(EncodeValue(md5)), Hex(md5Bytes));
   EXPECT_EQ(md5.SerializeSize(), md5Bytes.size());
+
+  // The factory's request starts as type NONE and follows the MD5 data it receives.
+  std::unique_ptr<CNDMPMessage> made(
+      CNDMPMessageAccess::Make(enums::CNDMPMessageCode::NDMP_CONNECT_CLIENT_AUTH, 0));
+  auto* request = dynamic_cast<CNDMPConnectClientAuthRequest*>(made.get());
+  ASSERT_NE(request, nullptr);
+  EXPECT_EQ(DecodeValue(md5Bytes, *request), 0);
+  const CNDMPAuthMD5& back = request->AuthenticationData.MD5AuthenticationData;
+  EXPECT_EQ(request->AuthenticationData.AuthenticationType, Auth::NDMP_AUTH_MD5);
+  EXPECT_EQ(back.AuthenticationID.GetString(), "root");
+  EXPECT_EQ(Hex(OpaqueBytes(back.AuthenticationDigest)), Hex(Counting(16)));
+  EXPECT_EQ(Hex(EncodeValue(*request)), Hex(md5Bytes));
 }
 
 TEST(ConnectConfigMessages, AuthAttrCarriesTheChallengeOnlyForMd5) {
@@ -60,6 +72,11 @@ TEST(ConnectConfigMessages, AuthAttrCarriesTheChallengeOnlyForMd5) {
     EXPECT_EQ(Hex(EncodeValue(attr)), Hex(expected));
     EXPECT_EQ(attr.SerializeSize(), expected.size());
   }
+  // An MD5 attribute that receives type NONE shrinks to the type word.
+  CNDMPAuthAttr attr(Auth::NDMP_AUTH_MD5);
+  EXPECT_EQ(DecodeValue(Words({0}), attr), 0);
+  EXPECT_EQ(attr.SerializeSize(), 4u);
+  EXPECT_EQ(Hex(EncodeValue(attr)), Hex(Words({0})));
   // The default type of each union member as the messages create them.
   CNDMPConfigGetAuthAttrReply attrReply;
   CNDMPConnectServerAuthRequest serverAuth;
@@ -69,28 +86,6 @@ TEST(ConnectConfigMessages, AuthAttrCarriesTheChallengeOnlyForMd5) {
   EXPECT_EQ(EncodeValue(serverAuth).size(), 68u);
   EXPECT_EQ(Hex(EncodeValue(serverAuthReply)), Hex(Bytes({0, 0, 0, 0, 0, 0, 0, 0})));
   EXPECT_EQ(Hex(EncodeValue(open)), Hex(Bytes({0, 0, 0, 4})));
-}
-
-TEST(ConnectConfigMessages, DecodedUnionFollowsTheReceivedType) {
-  // The factory's request starts as type NONE; MD5 data arrives.
-  std::unique_ptr<CNDMPMessage> made(
-      CNDMPMessageAccess::Make(enums::CNDMPMessageCode::NDMP_CONNECT_CLIENT_AUTH, 0));
-  ASSERT_NE(made, nullptr);
-  auto* request = dynamic_cast<CNDMPConnectClientAuthRequest*>(made.get());
-  ASSERT_NE(request, nullptr);
-  const auto md5Bytes = Concat({Bytes({0, 0, 0, 2}), XdrString("root"), Counting(16, 0xA0)});
-  EXPECT_EQ(DecodeValue(md5Bytes, *request), 0);
-  const CNDMPAuthMD5& md5 = request->AuthenticationData.MD5AuthenticationData;
-  EXPECT_EQ(request->AuthenticationData.AuthenticationType, Auth::NDMP_AUTH_MD5);
-  EXPECT_EQ(md5.AuthenticationID.GetString(), "root");
-  EXPECT_EQ(Hex(OpaqueBytes(md5.AuthenticationDigest)), Hex(Counting(16, 0xA0)));
-  EXPECT_EQ(Hex(EncodeValue(*request)), Hex(md5Bytes));
-
-  // An MD5 attribute that receives type NONE shrinks to the type word.
-  CNDMPAuthAttr attr(Auth::NDMP_AUTH_MD5);
-  EXPECT_EQ(DecodeValue(Bytes({0, 0, 0, 0}), attr), 0);
-  EXPECT_EQ(attr.SerializeSize(), 4u);
-  EXPECT_EQ(Hex(EncodeValue(attr)), Hex(Bytes({0, 0, 0, 0})));
 }
 
 // The member keeps its spelling "VenderName"; an empty list received empties the array.
