@@ -37,8 +37,6 @@ using testing::CCapturingLog;
 using testing::CNdmjobServer;
 using testing::CPacketRecorder;
 
-// Upper bound of a wait for a reply the server does give.
-constexpr unsigned int kReplySeconds = 30;
 constexpr unsigned int kLoopback = 0x7F000001;
 
 class Ndmjob : public ::testing::Test {
@@ -78,13 +76,13 @@ class Ndmjob : public ::testing::Test {
               CNDMPError::NDMP_NO_ERR);
   }
 
-  // Sends `request`; returns the send's result and the reply as class Reply
-  // (null when none came or it is of another class).
+  // Sends `request` and waits up to 30 s for a reply; returns the send's
+  // result and the reply as class Reply (null when none came or it is of
+  // another class).
   template <class Reply>
-  std::unique_ptr<Reply> Ask(CNDMPMessage& request, CXDREnumBase<CNDMPError>* err,
-                             unsigned int timeout = kReplySeconds) {
+  std::unique_ptr<Reply> Ask(CNDMPMessage& request, CXDREnumBase<CNDMPError>* err) {
     CNDMPMessage* reply = nullptr;
-    *err = connection_->SendMessage(request, &reply, timeout);
+    *err = connection_->SendMessage(request, &reply, 30);
     auto* typed = dynamic_cast<Reply*>(reply);
     if (typed == nullptr) connection_->FreeMessage(reply);
     return std::unique_ptr<Reply>(typed);

@@ -325,14 +325,13 @@ struct CDataSim {
     WriteRandomFile(root.File("src/z/1 MB"), 1 << 20, 1);
     sim = std::make_unique<CSimFixture>(CSimFixture::DataConfig(root.Path(), capacity));
   }
-  unsigned int Port() const { return sim->Port(); }
   CTempDir root;
   std::unique_ptr<CSimFixture> sim;
 };
 
 TEST(SimAgents, JoinedOverTcpTheyBackUpAndRestore) {
   CDataSim data;
-  CAgents agents(data.Port());
+  CAgents agents(data.sim->Port());
   ASSERT_EQ(agents.OpenTape("t"), kOk);
   agents.Join("NDMP_MOVER_MODE_READ", true);
   ASSERT_EQ(agents.Backup("dump"), kOk);
@@ -364,7 +363,7 @@ TEST(SimAgents, EndOfMediumPauseEndsOnAnAbortOrADisconnect) {
   CDataSim data(64 * 1024);  // far less than the image, so the data agent must wait
   for (bool disconnect : {false, true}) {
     {
-      CAgents agents(data.Port());
+      CAgents agents(data.sim->Port());
       ASSERT_EQ(agents.OpenTape("t1"), kOk);
       agents.Join("NDMP_MOVER_MODE_READ");
       ASSERT_EQ(agents.Backup("tar"), kOk);
@@ -378,14 +377,14 @@ TEST(SimAgents, EndOfMediumPauseEndsOnAnAbortOrADisconnect) {
         agents.Idle();
       }
     }
-    CAgents next(data.Port());  // threads joined, tapes released
+    CAgents next(data.sim->Port());  // threads joined, tapes released
     EXPECT_EQ(next.OpenTape("t1"), kOk) << disconnect;
   }
 }
 
 TEST(SimAgents, DroppedDataConnectionsHaltTheAgents) {
   CDataSim data;
-  CAgents agents(data.Port());
+  CAgents agents(data.sim->Port());
   ASSERT_EQ(agents.OpenTape("t"), kOk);
   // A peer that sends 10000 bytes to the mover and goes: two padded records.
   ASSERT_EQ(agents.Ask("NDMP_MOVER_SET_RECORD_SIZE", {"RecordLength=8192"}), kOk);
@@ -429,7 +428,7 @@ TEST(SimAgents, DroppedDataConnectionsHaltTheAgents) {
 TEST(SimAgents, RequestsInTheWrongStateAreRefused) {
   CDataSim data;
   WriteRandomFile(data.root.File("plain-file"), 10, 1);
-  CAgents agents(data.Port());
+  CAgents agents(data.sim->Port());
   CNDMPConfigGetFsInfoRequest fsInfo;
   auto fs = agents.Get<CNDMPConfigGetFsInfoReply>(fsInfo);  // the data root's directories
   ASSERT_TRUE(fs && fs->FsInfoArray.size() == 1);
