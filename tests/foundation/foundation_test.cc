@@ -24,7 +24,7 @@ using testing::CCapturingLog;
 using testing::CLoopbackTcp;
 using testing::kWaitMs;
 
-TEST(ThreadEvent, AutoResetReleasesOneWaitAndClears) {
+TEST(ThreadEvent, AutoResetReleasesOneWaitAtATimeManualResetAll) {
   VxThreadEvent event(VxThreadEvent::kAutoReset, false);
   EXPECT_EQ(event.wait(10), VX_WAIT_TIMEOUT);
   event.set();
@@ -36,10 +36,8 @@ TEST(ThreadEvent, AutoResetReleasesOneWaitAndClears) {
   VxThreadEvent initially(VxThreadEvent::kAutoReset, true);
   EXPECT_EQ(initially.wait(0), 0u);
   EXPECT_EQ(initially.wait(0), VX_WAIT_TIMEOUT);
-}
 
-TEST(ThreadEvent, AutoResetWakesWaitersOneSetAtATime) {
-  VxThreadEvent event(VxThreadEvent::kAutoReset, false);
+  // Waiters are woken one set at a time.
   VxThreadEvent progress(VxThreadEvent::kManualReset, false);
   std::atomic<int> released{0};
   // One waiter waits without limit (-1).
@@ -57,24 +55,23 @@ TEST(ThreadEvent, AutoResetWakesWaitersOneSetAtATime) {
   second.join();
   EXPECT_EQ(released.load(), 2);
   EXPECT_FALSE(event.isSet());
-}
 
-TEST(ThreadEvent, ManualResetReleasesEveryWaiterUntilReset) {
-  VxThreadEvent event(VxThreadEvent::kManualReset, false);
-  std::atomic<int> released{0};
+  // A manual-reset event releases every waiter until it is reset.
+  VxThreadEvent manual(VxThreadEvent::kManualReset, false);
+  released = 0;
   std::vector<std::thread> waiters;
   for (int i = 0; i < 4; ++i) {
     waiters.emplace_back([&] {
-      if (event.wait(kWaitMs) == 0) ++released;
+      if (manual.wait(kWaitMs) == 0) ++released;
     });
   }
-  event.set();
+  manual.set();
   for (auto& t : waiters) t.join();
   EXPECT_EQ(released.load(), 4);
-  EXPECT_EQ(event.wait(0), 0u);
-  EXPECT_TRUE(event.isSet());
-  event.reset();
-  EXPECT_EQ(event.wait(10), VX_WAIT_TIMEOUT);
+  EXPECT_EQ(manual.wait(0), 0u);
+  EXPECT_TRUE(manual.isSet());
+  manual.reset();
+  EXPECT_EQ(manual.wait(10), VX_WAIT_TIMEOUT);
 }
 
 class CLoopThread : public VxThread {
@@ -95,7 +92,9 @@ class CLoopThread : public VxThread {
   }
 };
 
-TEST(Thread, StopsWithinWaitUntilStopped) {
+// stop(false) only asks; waitUntilStopped waits for run() to return, which
+// may take longer than the wait.
+TEST(Thread, StopsWithinWaitUntilStoppedAndStartsAgain) {
   CLoopThread thread;
   EXPECT_TRUE(thread.waitUntilStopped(0));  // never started
   ASSERT_TRUE(thread.start());
@@ -109,11 +108,9 @@ TEST(Thread, StopsWithinWaitUntilStopped) {
   ASSERT_TRUE(thread.start());
   thread.stop(true);
   EXPECT_FALSE(thread.isRunning());
-}
 
-TEST(Thread, WaitUntilStoppedTimesOutWhileRunKeepsGoing) {
-  CLoopThread thread;
   thread.release.reset();
+  thread.started.reset();
   ASSERT_TRUE(thread.start());
   ASSERT_EQ(thread.started.wait(kWaitMs), 0u);
   thread.stop(false);
@@ -149,44 +146,35 @@ TEST(Thread, StartsAgainAfterRunReturnedByItself) {
   EXPECT_EQ(thread.runs.load(), 2);
 }
 
-TEST(TcpSocket, ReportsEndOfDataAndWaitForInputSeesIt) {
-  CLoopbackTcp tcp;
-  ASSERT_TRUE(tcp.ok());
-  ASSERT_TRUE(tcp.PeerWrite({1, 2}));
-  tcp.PeerClose();
-  EXPECT_EQ(tcp.socket.waitForInput(kWaitMs), 0u);
+TEST(TcpSocket, ReportsEndOfDataResetAndLocalClose) {
+  CLoopbackTcp ended, reset, closed;
+  ASSERT_TRUE(ended.ok() && reset.ok() && closed.ok());
+  ASSERT_TRUE(ended.PeerWrite({1, 2}));
+  ended.PeerClose();
+  EXPECT_EQ(ended.socket.waitForInput(kWaitMs), 0u);
   unsigned char buffer[4];
   unsigned int got = 99;
-  EXPECT_EQ(tcp.socket.read(buffer, 4, &got), VX_SOCKET_END_OF_DATA);
+  EXPECT_EQ(ended.socket.read(buffer, 4, &got), VX_SOCKET_END_OF_DATA);
   EXPECT_EQ(got, 2u);
   EXPECT_EQ(buffer[1], 2);
-  EXPECT_FALSE(tcp.socket.isConnected());
-  EXPECT_EQ(tcp.socket.waitForInput(kWaitMs), 0u);
-  EXPECT_EQ(tcp.socket.read(buffer, 1, &got), VX_SOCKET_END_OF_DATA);
+  EXPECT_FALSE(ended.socket.isConnected());
+  EXPECT_EQ(ended.socket.waitForInput(kWaitMs), 0u);
+  EXPECT_EQ(ended.socket.read(buffer, 1, &got), VX_SOCKET_END_OF_DATA);
   EXPECT_EQ(got, 0u);
-}
 
-TEST(TcpSocket, ReportsResetByPeer) {
-  CLoopbackTcp tcp;
-  ASSERT_TRUE(tcp.ok());
-  tcp.PeerReset();
-  EXPECT_EQ(tcp.socket.waitForInput(kWaitMs), 0u);
-  unsigned char buffer[4];
-  unsigned int got = 99;
-  EXPECT_EQ(tcp.socket.read(buffer, 4, &got), 10054u);
+  reset.PeerReset();
+  EXPECT_EQ(reset.socket.waitForInput(kWaitMs), 0u);
+  got = 99;
+  EXPECT_EQ(reset.socket.read(buffer, 4, &got), 10054u);
   EXPECT_EQ(got, 0u);
-}
 
-TEST(TcpSocket, LocalCloseEndsReadsAndWrites) {
-  CLoopbackTcp tcp;
-  ASSERT_TRUE(tcp.ok());
-  tcp.socket.close();
-  EXPECT_FALSE(tcp.socket.isConnected());
-  unsigned int got = 99;
-  EXPECT_EQ(tcp.socket.write("x", 1, &got), VX_SOCKET_ABORTED);
+  closed.socket.close();
+  EXPECT_FALSE(closed.socket.isConnected());
+  got = 99;
+  EXPECT_EQ(closed.socket.write("x", 1, &got), VX_SOCKET_ABORTED);
   EXPECT_EQ(got, 0u);
-  EXPECT_NE(tcp.socket.waitForInput(10), 0u);
-  EXPECT_TRUE(tcp.PeerReadAll().empty());  // the peer sees the end
+  EXPECT_NE(closed.socket.waitForInput(10), 0u);
+  EXPECT_TRUE(closed.PeerReadAll().empty());  // the peer sees the end
 }
 
 // Accepts one connection on `host` and checks that connecting to `target`
@@ -209,19 +197,8 @@ bool ConnectsThrough(const VxString& host, const VxString& target, VxString* rem
   return true;
 }
 
-TEST(TcpSocket, ConnectsByNameAndByAddress) {
-  VxString remote;
-  ASSERT_TRUE(ConnectsThrough("127.0.0.1", "127.0.0.1", &remote));
-  EXPECT_EQ(remote, "127.0.0.1");
-  ASSERT_TRUE(ConnectsThrough("127.0.0.1", "localhost", &remote));
-  EXPECT_EQ(remote, "127.0.0.1");
-  if (!ConnectsThrough("::1", "::1", &remote)) {
-    GTEST_SKIP() << "no IPv6 loopback here";
-  }
-  EXPECT_EQ(remote, "::1");
-}
-
-TEST(TcpSocket, ConnectToAClosedPortIsRefused) {
+// A closed port is refused at once, not waited out.
+TEST(TcpSocket, ConnectsByNameAndByAddressAndIsRefusedByAClosedPort) {
   unsigned int port;
   {
     VxTcpListener listener;
@@ -231,9 +208,19 @@ TEST(TcpSocket, ConnectToAClosedPortIsRefused) {
   VxTcpSocket socket;
   unsigned int status = socket.connect(VxSocketAddress("127.0.0.1", port), kWaitMs);
   EXPECT_NE(status, 0u);
-  EXPECT_NE(status, VX_SOCKET_TIMEOUT);  // refused, not waited out
+  EXPECT_NE(status, VX_SOCKET_TIMEOUT);
   EXPECT_FALSE(socket.isConnected());
   EXPECT_NE(socket.connect(VxSocketAddress("", port), kWaitMs), 0u);
+
+  VxString remote;
+  ASSERT_TRUE(ConnectsThrough("127.0.0.1", "127.0.0.1", &remote));
+  EXPECT_EQ(remote, "127.0.0.1");
+  ASSERT_TRUE(ConnectsThrough("127.0.0.1", "localhost", &remote));
+  EXPECT_EQ(remote, "127.0.0.1");
+  if (!ConnectsThrough("::1", "::1", &remote)) {
+    GTEST_SKIP() << "no IPv6 loopback here";
+  }
+  EXPECT_EQ(remote, "::1");
 }
 
 TEST(TcpListener, AcceptWithoutWaitingTakesOnlyAPendingConnection) {
@@ -255,7 +242,8 @@ TEST(TcpListener, AcceptWithoutWaitingTakesOnlyAPendingConnection) {
   EXPECT_TRUE(served.isConnected());
 }
 
-TEST(Log, FiltersByLevel) {
+// Lines below the level are dropped; wide labels and long lines come out whole.
+TEST(Log, FiltersByLevelAndFormatsWideLabelsAndLongLines) {
   CCapturingLog log;
   const std::vector<VxLog::Severity> all = {VxLog::kError, VxLog::kWarning, VxLog::kInfo,
                                             VxLog::kDebug};
@@ -273,10 +261,7 @@ TEST(Log, FiltersByLevel) {
   }
   VxLog plain;
   EXPECT_EQ(plain.getLevel(), 2);
-}
-
-TEST(Log, FormatsWideLabelsAndLongLines) {
-  CCapturingLog log;
+  log.Clear();
   const wchar_t label[] = L"(CXDRStream::readInputBuffer)";
   log.warning("%ls Detected NO_MORE_DATA. Closing socket.", label);
   const std::string longText(3000, 'q');

@@ -3,13 +3,9 @@
 // (own port and directory) per test.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cstring>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "ndmpc/ndmp/connection/connection.h"
@@ -22,6 +18,7 @@
 #include "ndmpc/ndmp/messages/scsi_tape_messages.h"
 #include "tests/support/ndmjob_server.h"
 #include "tests/support/peer_support.h"
+#include "tests/support/tape_script.h"
 #include "tests/support/wire_support.h"
 
 namespace com::vx::korvane::ndmpc {
@@ -32,7 +29,6 @@ using enums::CNDMPEnumAuthType;
 using enums::CNDMPEnumMoverHaltReason;
 using enums::CNDMPEnumMoverMode;
 using enums::CNDMPEnumMoverState;
-using enums::CNDMPEnumMtioOp;
 using enums::CNDMPEnumTapeOpenMode;
 using enums::CNDMPError;
 using enums::CNDMPMessageCode;
@@ -41,38 +37,7 @@ using testing::CCapturingLog;
 using testing::CNdmjobServer;
 using testing::CPacketRecorder;
 
-// Upper bound of a wait for a reply the server does give.
-constexpr unsigned int kReplySeconds = 30;
 constexpr unsigned int kLoopback = 0x7F000001;
-
-// A log (info level: one "Sending ..." line per request) that counts the
-// lines containing a text, for a bounded wait on the count.
-class CSendCounter : public VxLog {
- public:
-  explicit CSendCounter(std::string text) : text_(std::move(text)) { setLevel(3); }
-  bool WaitForCount(int n, int ms) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return seen_.wait_for(lock, std::chrono::milliseconds(ms), [&] { return count_ >= n; });
-  }
-  int count() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return count_;
-  }
-
- protected:
-  void WriteLine(Severity, const char* line) override {
-    if (std::strstr(line, text_.c_str()) == nullptr) return;
-    std::lock_guard<std::mutex> lock(mutex_);
-    ++count_;
-    seen_.notify_all();
-  }
-
- private:
-  const std::string text_;
-  std::mutex mutex_;
-  std::condition_variable seen_;
-  int count_ = 0;  // guarded by mutex_
-};
 
 class Ndmjob : public ::testing::Test {
  protected:
@@ -100,30 +65,24 @@ class Ndmjob : public ::testing::Test {
     return all;
   }
 
-  // Connects (at `version`, or 4 then 3 when 0) and logs in with MD5.
-  void ConnectAndLogIn(unsigned int version = 0) {
-    CXDREnumBase<CNDMPError> err =
-        version == 0 ? connection_->Connect()
-                     : connection_->Connect(CXDREnumBase<CNDMPProtocolVersion>(version));
-    ASSERT_EQ(err, CNDMPError::NDMP_NO_ERR) << server_.Log();
-    ASSERT_EQ(connection_->Authenticate(CNdmjobServer::kUser, CNdmjobServer::kPassword),
+  // Connects `c` (the test's connection when null) at `version`, or 4 then
+  // 3 when 0, and logs in with MD5.
+  void ConnectAndLogIn(unsigned int version = 0, CNDMPConnection* c = nullptr) {
+    c = c != nullptr ? c : connection_.get();
+    ASSERT_EQ(version == 0 ? c->Connect() : c->Connect(CXDREnumBase<CNDMPProtocolVersion>(version)),
+              CNDMPError::NDMP_NO_ERR)
+        << server_.Log();
+    ASSERT_EQ(c->Authenticate(CNdmjobServer::kUser, CNdmjobServer::kPassword),
               CNDMPError::NDMP_NO_ERR);
   }
 
-  // Connects a second connection to the same server and logs it in.
-  static void LogIn(CNDMPConnection& other) {
-    ASSERT_EQ(other.Connect(), CNDMPError::NDMP_NO_ERR);
-    ASSERT_EQ(other.Authenticate(CNdmjobServer::kUser, CNdmjobServer::kPassword),
-              CNDMPError::NDMP_NO_ERR);
-  }
-
-  // Sends `request`; returns the send's result and the reply as class Reply
-  // (null when none came or it is of another class).
+  // Sends `request` and waits up to 30 s for a reply; returns the send's
+  // result and the reply as class Reply (null when none came or it is of
+  // another class).
   template <class Reply>
-  std::unique_ptr<Reply> Ask(CNDMPMessage& request, CXDREnumBase<CNDMPError>* err,
-                             unsigned int timeout = kReplySeconds) {
+  std::unique_ptr<Reply> Ask(CNDMPMessage& request, CXDREnumBase<CNDMPError>* err) {
     CNDMPMessage* reply = nullptr;
-    *err = connection_->SendMessage(request, &reply, timeout);
+    *err = connection_->SendMessage(request, &reply, 30);
     auto* typed = dynamic_cast<Reply*>(reply);
     if (typed == nullptr) connection_->FreeMessage(reply);
     return std::unique_ptr<Reply>(typed);
@@ -149,9 +108,7 @@ class Ndmjob : public ::testing::Test {
   std::unique_ptr<Reply> AskNoError() {
     Request request;
     std::unique_ptr<Reply> reply = AskOk<Reply>(request);
-    if (reply != nullptr) {
-      EXPECT_EQ(reply->Error, CNDMPError::NDMP_NO_ERR);
-    }
+    EXPECT_EQ(reply != nullptr ? reply->Error.getInt32() : 0u, CNDMPError::NDMP_NO_ERR);
     return reply;
   }
 
@@ -181,7 +138,11 @@ class Ndmjob : public ::testing::Test {
   std::unique_ptr<CNDMPConnection> connection_;
 };
 
-TEST_F(Ndmjob, NegotiatesVersion4OrTheForcedVersion3) {
+// A request with a code that no interface defines.
+class CUnknownRequest
+    : public CNDMPMessageImpl<CUnknownRequest, CNDMPGenericRequest, 0x0000F0F0> {};
+
+TEST_F(Ndmjob, NegotiatesAnswersConfigQueriesAndOutlivesUnansweredRequests) {
   // The server's greeting reaches a callback registered for it.
   CPacketRecorder posts;
   CNDMPCallbackRegistration* registration =
@@ -199,81 +160,24 @@ TEST_F(Ndmjob, NegotiatesVersion4OrTheForcedVersion3) {
   std::unique_ptr<CNDMPMoverGetStateReply> v4 = MoverState();
   ASSERT_NE(v4, nullptr);
   EXPECT_EQ(v4->State, CNDMPEnumMoverState::NDMP_MOVER_STATE_IDLE);
-
-  // A second connection to the same server, this time at version 3 only:
-  // replies whose layout differs between the versions decode under 3.
-  connection_->Disconnect();
-  ASSERT_NO_FATAL_FAILURE(ConnectAndLogIn(3));
-  EXPECT_EQ(connection_->GetProtocolVersion(), CNDMPProtocolVersion::PROTOCOL_VERSION_3);
-  std::unique_ptr<CNDMPMoverGetStateReply> v3 = MoverState();
-  ASSERT_NE(v3, nullptr);
-  EXPECT_EQ(v3->Error, CNDMPError::NDMP_NO_ERR);
-  EXPECT_EQ(v3->State, CNDMPEnumMoverState::NDMP_MOVER_STATE_IDLE);
-  EXPECT_EQ(v3->RecordSize, v4->RecordSize);
-  auto info = AskNoError<CNDMPConfigGetHostInfoRequest, CNDMPConfigGetHostInfoReply>();
-  ASSERT_NE(info, nullptr);
-  EXPECT_FALSE(info->hostname.GetString().empty());
-}
-
-TEST_F(Ndmjob, TextAuthenticationAcceptedNoneRefused) {
-  ASSERT_EQ(connection_->Connect(), CNDMPError::NDMP_NO_ERR);
+  CNDMPConfigGetExtListRequest extList;
+  CUnknownRequest unknown;
+  CNDMPConnectServerAuthRequest serverAuth;
   struct Case {
-    const char* name;
-    unsigned int type;
-    const char* password;
-    bool accepted;
+    CNDMPMessage* request;
+    unsigned int expected;
   };
-  // NONE and a wrong text password are refused first: each refusal leaves
-  // the connection open for the next try.
-  const Case cases[] = {
-      {"none", CNDMPEnumAuthType::NDMP_AUTH_NONE, nullptr, false},
-      {"text, wrong password", CNDMPEnumAuthType::NDMP_AUTH_TEXT, "wrong", false},
-      {"text", CNDMPEnumAuthType::NDMP_AUTH_TEXT, CNdmjobServer::kPassword, true},
-  };
-  for (const Case& k : cases) {
-    CNDMPConnectClientAuthRequest request{CXDREnumBase<CNDMPEnumAuthType>(k.type)};
-    if (k.password != nullptr) {
-      request.AuthenticationData.TextAuthenticationData.AuthenticationID =
-          CXDRString(CNdmjobServer::kUser);
-      request.AuthenticationData.TextAuthenticationData.AuthenticationPassword =
-          CXDRString(k.password);
-    }
-    CXDREnumBase<CNDMPError> err;
-    std::unique_ptr<CNDMPConnectClientAuthReply> reply =
-        Ask<CNDMPConnectClientAuthReply>(request, &err);
-    // A refusal comes either in the reply body or as a bare header.
-    CXDREnumBase<CNDMPError> outcome =
-        err != CNDMPError::NDMP_NO_ERR ? err
-                                       : (reply != nullptr ? reply->NDMP_Error
-                                                           : CXDREnumBase<CNDMPError>(
-                                                                 CNDMPError::NDMP_UNDEFINED_ERR));
-    if (k.accepted) {
-      EXPECT_EQ(outcome, CNDMPError::NDMP_NO_ERR) << k.name;
-    } else {
-      EXPECT_NE(outcome, CNDMPError::NDMP_NO_ERR) << k.name;
-      EXPECT_NE(outcome, CNDMPError::NDMP_TIMEOUT_ERR) << k.name;
-    }
-    EXPECT_TRUE(connection_->IsConnected()) << k.name;
+  // The server stays silent on the first two (only the time-out tells) and
+  // refuses the server authentication with a bare header; the connection
+  // stays usable for the queries after them.
+  for (const Case& k : {Case{&extList, CNDMPError::NDMP_TIMEOUT_ERR},
+                        Case{&unknown, CNDMPError::NDMP_TIMEOUT_ERR},
+                        Case{&serverAuth, CNDMPError::NDMP_NOT_SUPPORTED_ERR}}) {
+    CNDMPMessage* reply = nullptr;
+    EXPECT_EQ(connection_->SendMessage(*k.request, &reply, 2), k.expected)
+        << CNDMPMessageAccess::Code(*k.request).ToString();
+    EXPECT_EQ(reply, nullptr);
   }
-}
-
-TEST_F(Ndmjob, WrongPasswordIsNotAuthorizedThenMD5Succeeds) {
-  ASSERT_EQ(connection_->Connect(), CNDMPError::NDMP_NO_ERR);
-  // MD5 is refused, then plain text: nothing else is offered.
-  EXPECT_EQ(connection_->Authenticate(CNdmjobServer::kUser, "not-the-password"),
-            CNDMPError::NDMP_NOT_AUTHORIZED_ERR);
-  EXPECT_FALSE(connection_->IsAuthenticated());
-  EXPECT_STREQ(connection_->GetPassword(), "");
-  // The right password is then accepted with MD5 on the same connection
-  // (only the MD5 path sets the flag).
-  EXPECT_EQ(connection_->Authenticate(CNdmjobServer::kUser, CNdmjobServer::kPassword),
-            CNDMPError::NDMP_NO_ERR);
-  EXPECT_TRUE(connection_->IsAuthenticated());
-  EXPECT_STREQ(connection_->GetUserName(), CNdmjobServer::kUser);
-}
-
-TEST_F(Ndmjob, AnswersEveryConfigQuery) {
-  ASSERT_NO_FATAL_FAILURE(ConnectAndLogIn());
   auto host = AskNoError<CNDMPConfigGetHostInfoRequest, CNDMPConfigGetHostInfoReply>();
   ASSERT_NE(host, nullptr);
   EXPECT_FALSE(host->OSType.GetString().empty());
@@ -309,260 +213,203 @@ TEST_F(Ndmjob, AnswersEveryConfigQuery) {
   AskNoError<CNDMPConfigGetFsInfoRequest, CNDMPConfigGetFsInfoReply>();
   AskNoError<CNDMPConfigGetTapeInfoRequest, CNDMPConfigGetTapeInfoReply>();
   AskNoError<CNDMPConfigGetSCSIInfoRequest, CNDMPConfigGetSCSIInfoReply>();
+
+  // A second connection to the same server, this time at version 3 only:
+  // replies whose layout differs between the versions decode under 3.
+  connection_->Disconnect();
+  ASSERT_NO_FATAL_FAILURE(ConnectAndLogIn(3));
+  EXPECT_EQ(connection_->GetProtocolVersion(), CNDMPProtocolVersion::PROTOCOL_VERSION_3);
+  std::unique_ptr<CNDMPMoverGetStateReply> v3 = MoverState();
+  ASSERT_NE(v3, nullptr);
+  EXPECT_EQ(v3->Error, CNDMPError::NDMP_NO_ERR);
+  EXPECT_EQ(v3->State, CNDMPEnumMoverState::NDMP_MOVER_STATE_IDLE);
+  EXPECT_EQ(v3->RecordSize, v4->RecordSize);
+  auto info = AskNoError<CNDMPConfigGetHostInfoRequest, CNDMPConfigGetHostInfoReply>();
+  ASSERT_NE(info, nullptr);
+  EXPECT_FALSE(info->hostname.GetString().empty());
 }
 
-// A request with a code that no interface defines.
-class CUnknownRequest
-    : public CNDMPMessageImpl<CUnknownRequest, CNDMPGenericRequest, 0x0000F0F0> {};
-
-TEST_F(Ndmjob, UnansweredRequestsTimeOutAndConnectionStaysUsable) {
-  ASSERT_NO_FATAL_FAILURE(ConnectAndLogIn());
-  CNDMPConfigGetExtListRequest extList;
-  CUnknownRequest unknown;
-  CNDMPConnectServerAuthRequest serverAuth;
-  struct Case {
-    CNDMPMessage* request;
-    unsigned int expected;
+TEST_F(Ndmjob, AuthenticationRefusalsLeaveTheConnectionOpenForTheRightPassword) {
+  ASSERT_EQ(connection_->Connect(), CNDMPError::NDMP_NO_ERR);
+  // MD5 is refused, then plain text: nothing else is offered.
+  EXPECT_EQ(connection_->Authenticate(CNdmjobServer::kUser, "not-the-password"),
+            CNDMPError::NDMP_NOT_AUTHORIZED_ERR);
+  EXPECT_FALSE(connection_->IsAuthenticated());
+  EXPECT_STREQ(connection_->GetPassword(), "");
+  // Raw requests: NONE and a wrong text password refused, the right one taken.
+  const struct {
+    unsigned int type;
+    const char* password;
+    bool accepted;
+  } cases[] = {
+      {CNDMPEnumAuthType::NDMP_AUTH_NONE, nullptr, false},
+      {CNDMPEnumAuthType::NDMP_AUTH_TEXT, "wrong", false},
+      {CNDMPEnumAuthType::NDMP_AUTH_TEXT, CNdmjobServer::kPassword, true},
   };
-  // The server stays silent on the first two (only the time-out tells) and
-  // refuses the server authentication with a bare header.
-  for (const Case& k : {Case{&extList, CNDMPError::NDMP_TIMEOUT_ERR},
-                        Case{&unknown, CNDMPError::NDMP_TIMEOUT_ERR},
-                        Case{&serverAuth, CNDMPError::NDMP_NOT_SUPPORTED_ERR}}) {
-    CNDMPMessage* reply = nullptr;
-    EXPECT_EQ(connection_->SendMessage(*k.request, &reply, 2), k.expected)
-        << CNDMPMessageAccess::Code(*k.request).ToString();
-    EXPECT_EQ(reply, nullptr);
+  for (const auto& k : cases) {
+    CNDMPConnectClientAuthRequest request{CXDREnumBase<CNDMPEnumAuthType>(k.type)};
+    auto& text = request.AuthenticationData.TextAuthenticationData;
+    text.AuthenticationID = CXDRString(CNdmjobServer::kUser);
+    text.AuthenticationPassword = CXDRString(k.password == nullptr ? "" : k.password);
+    CXDREnumBase<CNDMPError> err;
+    auto reply = Ask<CNDMPConnectClientAuthReply>(request, &err);
+    // A refusal comes either in the reply body or as a bare header.
+    if (err == CNDMPError::NDMP_NO_ERR) {
+      err = reply != nullptr ? reply->NDMP_Error : CNDMPError::NDMP_UNDEFINED_ERR;
+    }
+    EXPECT_EQ(err == CNDMPError::NDMP_NO_ERR, k.accepted) << k.type << " " << err.ToString();
+    EXPECT_NE(err, CNDMPError::NDMP_TIMEOUT_ERR) << k.type;
+    EXPECT_TRUE(connection_->IsConnected()) << k.type;
   }
-  AskNoError<CNDMPConfigGetHostInfoRequest, CNDMPConfigGetHostInfoReply>();
-}
-
-// Deterministic contents for a record of `size` bytes.
-std::vector<unsigned char> Record(std::size_t size) {
-  std::vector<unsigned char> bytes(size);
-  for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<unsigned char>(i * 31 + size);
-  return bytes;
-}
-
-TEST_F(Ndmjob, TapeWrittenAndReadBackThroughHelpers) {
-  ASSERT_NO_FATAL_FAILURE(ConnectAndLogIn());
-  CNDMPConnection* c = connection_.get();
-  ASSERT_NO_FATAL_FAILURE(OpenTape());
-  // 262144 bytes is the largest record the server takes; its reply spans
-  // many fragments on the way back.
-  const std::size_t sizes[] = {1, 512, 4096, 65536, 262144};
-  for (std::size_t size : sizes) {
-    std::vector<unsigned char> record = Record(size);
-    unsigned int written = 0;
-    EXPECT_EQ(CNDMPTapeHelper::TapeWrite(c, record.data(), static_cast<unsigned int>(size),
-                                         &written),
-              CNDMPError::NDMP_NO_ERR)
-        << size;
-    EXPECT_EQ(written, size);
-  }
-  for (unsigned int op : {CNDMPEnumMtioOp::NDMP_MTIO_EOF, CNDMPEnumMtioOp::NDMP_MTIO_REW}) {
-    unsigned int resid = 99;
-    EXPECT_EQ(CNDMPTapeHelper::TapeMTIO(c, CXDREnumBase<CNDMPEnumMtioOp>(op), 1, &resid),
-              CNDMPError::NDMP_NO_ERR);
-    EXPECT_EQ(resid, 0u);
-  }
-
-  for (std::size_t size : sizes) {
-    std::vector<unsigned char> back(size, 0);
-    unsigned int read = 0;
-    EXPECT_EQ(CNDMPTapeHelper::TapeRead(c, back.data(), static_cast<unsigned int>(size), &read),
-              CNDMPError::NDMP_NO_ERR)
-        << size;
-    EXPECT_EQ(read, size);
-    EXPECT_TRUE(back == Record(size)) << "record of " << size << " bytes differs";
-  }
-  unsigned char byte = 0;
-  unsigned int read = 99;
-  EXPECT_EQ(CNDMPTapeHelper::TapeRead(c, &byte, 1, &read), CNDMPError::NDMP_EOF_ERR);
-  EXPECT_EQ(read, 0u);
-  EXPECT_EQ(CNDMPTapeHelper::TapeClose(c), CNDMPError::NDMP_NO_ERR);
-}
-
-TEST_F(Ndmjob, FilemarksSeparateFilesAndSpacingReportsResid) {
-  ASSERT_NO_FATAL_FAILURE(ConnectAndLogIn());
-  CNDMPConnection* c = connection_.get();
-  ASSERT_NO_FATAL_FAILURE(OpenTape());
-  // Two files of one record each: 100 bytes, filemark, 200 bytes, filemark.
-  unsigned int count = 0;
-  for (std::size_t size : {100u, 200u}) {
-    std::vector<unsigned char> record = Record(size);
-    ASSERT_EQ(CNDMPTapeHelper::TapeWrite(c, record.data(), static_cast<unsigned int>(size), &count),
-              CNDMPError::NDMP_NO_ERR);
-    ASSERT_EQ(CNDMPTapeHelper::TapeMTIO(c, CNDMPEnumMtioOp::NDMP_MTIO_EOF, 1, &count),
-              CNDMPError::NDMP_NO_ERR);
-  }
-  ASSERT_EQ(CNDMPTapeHelper::TapeMTIO(c, CNDMPEnumMtioOp::NDMP_MTIO_REW, 1, &count),
+  // MD5 with the right password (only the MD5 path sets the flag).
+  EXPECT_EQ(connection_->Authenticate(CNdmjobServer::kUser, CNdmjobServer::kPassword),
             CNDMPError::NDMP_NO_ERR);
-
-  // A short read takes the start of the record; the rest of it is gone and
-  // the next read meets the filemark, again and again until spaced over.
-  std::vector<unsigned char> back(300, 0);
-  unsigned int read = 0;
-  EXPECT_EQ(CNDMPTapeHelper::TapeRead(c, back.data(), 50, &read), CNDMPError::NDMP_NO_ERR);
-  EXPECT_EQ(read, 50u);
-  EXPECT_TRUE(std::equal(back.begin(), back.begin() + 50, Record(100).begin()));
-  for (int i = 0; i < 2; ++i) {
-    EXPECT_EQ(CNDMPTapeHelper::TapeRead(c, back.data(), 300, &read), CNDMPError::NDMP_EOF_ERR);
-    EXPECT_EQ(read, 0u);
-  }
-  unsigned int resid = 99;
-  EXPECT_EQ(CNDMPTapeHelper::TapeMTIO(c, CNDMPEnumMtioOp::NDMP_MTIO_FSF, 1, &resid),
-            CNDMPError::NDMP_NO_ERR);
-  EXPECT_EQ(resid, 0u);
-  CNDMPTapeGetStateRequest state;
-  auto position = AskOk<CNDMPTapeGetStateReply>(state);
-  ASSERT_NE(position, nullptr);
-  EXPECT_EQ(position->FileNum, 1u);
-  EXPECT_EQ(position->BlockNo, 0u);
-  EXPECT_EQ(CNDMPTapeHelper::TapeRead(c, back.data(), 300, &read), CNDMPError::NDMP_NO_ERR);
-  EXPECT_EQ(read, 200u);
-  EXPECT_TRUE(std::equal(back.begin(), back.begin() + 200, Record(200).begin()));
-
-  // Spacing five files forward from the second filemark finds one more
-  // (the end of the written data) and leaves four undone.
-  EXPECT_EQ(CNDMPTapeHelper::TapeRead(c, back.data(), 300, &read), CNDMPError::NDMP_EOF_ERR);
-  EXPECT_EQ(CNDMPTapeHelper::TapeMTIO(c, CNDMPEnumMtioOp::NDMP_MTIO_FSF, 5, &resid),
-            CNDMPError::NDMP_NO_ERR);
-  EXPECT_EQ(resid, 4u);
-  EXPECT_EQ(CNDMPTapeHelper::TapeClose(c), CNDMPError::NDMP_NO_ERR);
+  EXPECT_TRUE(connection_->IsAuthenticated());
+  EXPECT_STREQ(connection_->GetUserName(), CNdmjobServer::kUser);
 }
 
-TEST_F(Ndmjob, DeviceErrorsComeBackThroughHelpers) {
-  ASSERT_NO_FATAL_FAILURE(ConnectAndLogIn());
-  CNDMPConnection* c = connection_.get();
-  CCapturingLog otherLog;
-  otherLog.setLevel(2);
-  CNDMPConnection other("127.0.0.1", "127.0.0.1", otherLog, server_.port());
-  ASSERT_NO_FATAL_FAILURE(LogIn(other));
-  const std::string tape = server_.NewTape("tape0");
-  const CXDREnumBase<CNDMPEnumTapeOpenMode> rdwr(CNDMPEnumTapeOpenMode::NDMP_TAPE_RDWR_MODE);
-  unsigned int count = 99;
 
-  EXPECT_EQ(CNDMPTapeHelper::TapeClose(c), CNDMPError::NDMP_DEV_NOT_OPEN_ERR);
-  EXPECT_EQ(CNDMPTapeHelper::TapeMTIO(c, CNDMPEnumMtioOp::NDMP_MTIO_REW, 1, &count),
-            CNDMPError::NDMP_DEV_NOT_OPEN_ERR);
-  EXPECT_EQ(count, 0u);
-  EXPECT_EQ(CNDMPTapeHelper::TapeOpen(c, (server_.directory() + "/missing").c_str(), rdwr, false),
+TEST_F(Ndmjob, TapeSessionThroughHelpers) {
+  ASSERT_NO_FATAL_FAILURE(ConnectAndLogIn());
+  CNDMPConnection other("127.0.0.1", "127.0.0.1", log_, server_.port());
+  ASSERT_NO_FATAL_FAILURE(ConnectAndLogIn(0, &other));
+  server_.NewTape("tape0");
+  const std::string dir = server_.directory();
+  constexpr unsigned int kOk = CNDMPError::NDMP_NO_ERR, kEof = CNDMPError::NDMP_EOF_ERR;
+  testing::RunTapeSteps(
+      {connection_.get(), &other}, dir + "/",
+      {
+          {0, "close", "", 0, CNDMPError::NDMP_DEV_NOT_OPEN_ERR, 0},
+          {0, "rew", "", 1, CNDMPError::NDMP_DEV_NOT_OPEN_ERR, 0},
+          {0, "open", "missing", 0, CNDMPError::NDMP_NO_DEVICE_ERR, 0},
+          {0, "open", "tape0", 0, kOk, 0},
+          {0, "open", "tape0", 0, CNDMPError::NDMP_DEVICE_OPENED_ERR, 0},
+          // Busy for the other connection; a name with ".." is tried once even with retry.
+          {1, "open-retry", "../" + dir.substr(dir.rfind('/') + 1) + "/tape0", 0,
+           CNDMPError::NDMP_DEVICE_BUSY_ERR, 0},
+          // 262144 bytes is the largest record the server takes; its reply
+          // spans many fragments on the way back.
+          {0, "write", "", 1, kOk, 1},
+          {0, "write", "", 100, kOk, 100},
+          {0, "write", "", 4096, kOk, 4096},
+          {0, "write", "", 65536, kOk, 65536},
+          {0, "write", "", 262144, kOk, 262144},
+          {0, "eof", "", 1, kOk, 0},
+          {0, "write", "", 200, kOk, 200},
+          {0, "eof", "", 1, kOk, 0},
+          {0, "rew", "", 1, kOk, 0},
+          {0, "read", "", 1, kOk, 1},
+          // A short read takes the start of a record; the rest of it is gone.
+          {0, "read", "", 50, kOk, 50},
+          {0, "read", "", 4096, kOk, 4096},
+          {0, "read", "", 65536, kOk, 65536},
+          {0, "read", "", 262144, kOk, 262144},
+          // The filemark is met again and again until spaced over.
+          {0, "read", "", 300, kEof, 0},
+          {0, "read", "", 300, kEof, 0},
+          {0, "fsf", "", 1, kOk, 0},
+          {0, "state", "", 1, kOk, 0},
+          {0, "read", "", 300, kOk, 200},
+          // Five files forward from the second filemark find one more (the
+          // end of the written data) and leave four undone.
+          {0, "read", "", 300, kEof, 0},
+          {0, "fsf", "", 5, kOk, 4},
+          {0, "close", "", 0, kOk, 0},
+          {0, "read-only", "tape0", 0, kOk, 0},
+          {0, "write", "", 16, CNDMPError::NDMP_PERMISSION_ERR, 0},
+          {0, "close", "", 0, kOk, 0},
+      });
+  EXPECT_EQ(CNDMPScsiHelper::SCSIOpen(connection_.get(), (dir + "/missing").c_str()),
             CNDMPError::NDMP_NO_DEVICE_ERR);
-  EXPECT_EQ(CNDMPScsiHelper::SCSIOpen(c, (server_.directory() + "/missing").c_str()),
-            CNDMPError::NDMP_NO_DEVICE_ERR);
-  EXPECT_EQ(CNDMPScsiHelper::SCSIClose(c), CNDMPError::NDMP_DEV_NOT_OPEN_ERR);
-
-  ASSERT_EQ(CNDMPTapeHelper::TapeOpen(c, tape.c_str(), rdwr, false), CNDMPError::NDMP_NO_ERR);
-  EXPECT_EQ(CNDMPTapeHelper::TapeOpen(c, tape.c_str(), rdwr, false),
-            CNDMPError::NDMP_DEVICE_OPENED_ERR);
-  // Held by the first connection: busy for the second. A name with ".."
-  // is tried once even with retry.
-  const std::string dotted = server_.directory() + "/../" +
-                             server_.directory().substr(server_.directory().rfind('/') + 1) +
-                             "/tape0";
-  EXPECT_EQ(CNDMPTapeHelper::TapeOpen(&other, dotted.c_str(), rdwr, true),
-            CNDMPError::NDMP_DEVICE_BUSY_ERR);
-  EXPECT_EQ(otherLog.Count("bytes discarded"), 0);
-  EXPECT_EQ(CNDMPTapeHelper::TapeClose(c), CNDMPError::NDMP_NO_ERR);
-
-  ASSERT_EQ(CNDMPTapeHelper::TapeOpen(c, tape.c_str(), CNDMPEnumTapeOpenMode::NDMP_TAPE_READ_MODE,
-                                      false),
-            CNDMPError::NDMP_NO_ERR);
-  unsigned char data[16] = {};
-  count = 99;
-  EXPECT_EQ(CNDMPTapeHelper::TapeWrite(c, data, sizeof data, &count),
-            CNDMPError::NDMP_PERMISSION_ERR);
-  EXPECT_EQ(count, 0u);
-  EXPECT_EQ(CNDMPTapeHelper::TapeClose(c), CNDMPError::NDMP_NO_ERR);
+  EXPECT_EQ(CNDMPScsiHelper::SCSIClose(connection_.get()), CNDMPError::NDMP_DEV_NOT_OPEN_ERR);
 }
 
 TEST_F(Ndmjob, BusyTapeOpensOnRetryOnceItsHolderClosesIt) {
   ASSERT_NO_FATAL_FAILURE(ConnectAndLogIn());
-  CSendCounter otherLog("Sending NDMP_TAPE_OPEN");
+  CCapturingLog otherLog;
+  otherLog.setLevel(3);  // one "Sending ..." line per request
   CNDMPConnection other("127.0.0.1", "127.0.0.1", otherLog, server_.port());
-  ASSERT_NO_FATAL_FAILURE(LogIn(other));
-  const std::string tape = server_.NewTape("tape0");
-  const CXDREnumBase<CNDMPEnumTapeOpenMode> rdwr(CNDMPEnumTapeOpenMode::NDMP_TAPE_RDWR_MODE);
-  ASSERT_EQ(CNDMPTapeHelper::TapeOpen(connection_.get(), tape.c_str(), rdwr, false),
-            CNDMPError::NDMP_NO_ERR);
-
+  ASSERT_NO_FATAL_FAILURE(ConnectAndLogIn(0, &other));
+  ASSERT_NO_FATAL_FAILURE(OpenTape());
+  const std::string tape = server_.directory() + "/tape0";
   CXDREnumBase<CNDMPError> result;
-  std::thread opener([&] { result = CNDMPTapeHelper::TapeOpen(&other, tape.c_str(), rdwr, true); });
+  std::thread opener([&] {
+    result = CNDMPTapeHelper::TapeOpen(&other, tape.c_str(),
+                                       CNDMPEnumTapeOpenMode::NDMP_TAPE_RDWR_MODE, true);
+  });
   // A second try is only sent after the first one was refused as busy.
-  EXPECT_TRUE(otherLog.WaitForCount(2, 10000));
+  EXPECT_TRUE(otherLog.WaitFor("Sending NDMP_TAPE_OPEN", 10000, 2));
   EXPECT_EQ(CNDMPTapeHelper::TapeClose(connection_.get()), CNDMPError::NDMP_NO_ERR);
   opener.join();
   EXPECT_EQ(result, CNDMPError::NDMP_NO_ERR);
-  EXPECT_GE(otherLog.count(), 2);
-  EXPECT_LE(otherLog.count(), 11);
+  const int tries = otherLog.Count("Sending NDMP_TAPE_OPEN");
+  EXPECT_GE(tries, 2);
+  EXPECT_LE(tries, 11);
   EXPECT_EQ(CNDMPTapeHelper::TapeClose(&other), CNDMPError::NDMP_NO_ERR);
 }
 
-TEST_F(Ndmjob, MoverListensOnTcpAndAborts) {
-  ASSERT_NO_FATAL_FAILURE(ConnectAndLogIn());
-  std::unique_ptr<CNDMPMoverGetStateReply> idle = MoverState();
-  ASSERT_NE(idle, nullptr);
-  EXPECT_EQ(idle->DataConnAddress.AddressType, CNDMPEnumAddrType::NDMP_ADDR_LOCAL);
-  CNDMPDataGetStateRequest request;
-  auto data = AskOk<CNDMPDataGetStateReply>(request);
-  ASSERT_NE(data, nullptr);
-  EXPECT_EQ(data->State, enums::CNDMPEnumDataState::NDMP_DATA_STATE_IDLE);
+// The mover listens on TCP (one address under version 3, a list under 4)
+// and halts on an abort. Under version 4 the halted post that follows is the
+// reason alone, while CNDMPNotifyMoverHaltedPost always reads a text reason
+// after it; the halt cycle is therefore followed under version 3 only.
+TEST_F(Ndmjob, MoverListensOnTcpAndHaltsOnAbort) {
+  for (unsigned int version : {3u, 4u}) {
+    SCOPED_TRACE(version);
+    const bool v3 = version == 3;
+    connection_->Disconnect();
+    ASSERT_NO_FATAL_FAILURE(ConnectAndLogIn(version));
+    std::unique_ptr<CNDMPMoverGetStateReply> state = MoverState();
+    ASSERT_NE(state, nullptr);
+    EXPECT_EQ(state->DataConnAddress.AddressType, CNDMPEnumAddrType::NDMP_ADDR_LOCAL);
+    CNDMPDataGetStateRequest request;
+    auto data = AskOk<CNDMPDataGetStateReply>(request);
+    ASSERT_NE(data, nullptr);
+    EXPECT_EQ(data->State, enums::CNDMPEnumDataState::NDMP_DATA_STATE_IDLE);
 
-  std::unique_ptr<CNDMPMoverListenReply> reply = Listen();
-  ASSERT_NE(reply, nullptr);
-  ASSERT_GE(reply->Address.TcpAddressList.size(), 1u);
-  EXPECT_EQ(reply->Address.TcpAddressList[0].IPAddress, kLoopback);
-  const unsigned int port = reply->Address.TcpAddressList[0].Port;
-  EXPECT_NE(port, 0u);
-  std::unique_ptr<CNDMPMoverGetStateReply> state = MoverState();
-  ASSERT_NE(state, nullptr);
-  EXPECT_EQ(state->State, CNDMPEnumMoverState::NDMP_MOVER_STATE_LISTEN);
-  ASSERT_GE(state->DataConnAddress.TcpAddressList.size(), 1u);
-  EXPECT_EQ(state->DataConnAddress.TcpAddressList[0].Port, port);
+    CPacketRecorder halted;
+    CNDMPCallbackRegistration* registration =
+        connection_->RegisterCallback(&halted, CNDMPMessageCode::NDMP_NOTIFY_MOVER_HALTED);
+    std::unique_ptr<CNDMPMoverListenReply> reply = Listen();
+    ASSERT_NE(reply, nullptr);
+    state = MoverState();
+    ASSERT_NE(state, nullptr);
+    EXPECT_EQ(state->State, CNDMPEnumMoverState::NDMP_MOVER_STATE_LISTEN);
+    ASSERT_TRUE(v3 || (reply->Address.TcpAddressList.size() > 0 &&
+                       state->DataConnAddress.TcpAddressList.size() > 0));
+    const CNDMPTcpAddr& listening =
+        v3 ? reply->Address.TcpAddress : reply->Address.TcpAddressList[0];
+    const CNDMPTcpAddr& shown =
+        v3 ? state->DataConnAddress.TcpAddress : state->DataConnAddress.TcpAddressList[0];
+    EXPECT_EQ(listening.IPAddress, kLoopback);
+    EXPECT_NE(listening.Port, 0u);
+    EXPECT_EQ(shown.Port, listening.Port);
+    CNDMPMoverAbortRequest abort;
+    auto aborted = AskOk<CNDMPMoverAbortReply>(abort);
+    ASSERT_NE(aborted, nullptr);
+    EXPECT_EQ(aborted->NDMP_Error, CNDMPError::NDMP_NO_ERR);
+    if (!v3) {
+      connection_->UnregisterCallback(registration);
+      break;
+    }
 
-  // Under version 4 the halted post that follows is the reason alone, while
-  // CNDMPNotifyMoverHaltedPost always reads a text reason after it; the
-  // halt cycle is therefore followed under version 3 (next test).
-  CNDMPMoverAbortRequest abort;
-  auto aborted = AskOk<CNDMPMoverAbortReply>(abort);
-  ASSERT_NE(aborted, nullptr);
-  EXPECT_EQ(aborted->NDMP_Error, CNDMPError::NDMP_NO_ERR);
-}
-
-TEST_F(Ndmjob, MoverHaltCycleUnderVersion3) {
-  ASSERT_NO_FATAL_FAILURE(ConnectAndLogIn(3));
-  CPacketRecorder halted;
-  CNDMPCallbackRegistration* registration =
-      connection_->RegisterCallback(&halted, CNDMPMessageCode::NDMP_NOTIFY_MOVER_HALTED);
-  std::unique_ptr<CNDMPMoverListenReply> reply = Listen();
-  ASSERT_NE(reply, nullptr);
-  // Version 3 carries exactly one TCP address.
-  EXPECT_EQ(reply->Address.TcpAddress.IPAddress, kLoopback);
-  EXPECT_NE(reply->Address.TcpAddress.Port, 0u);
-
-  CNDMPMoverAbortRequest abort;
-  auto aborted = AskOk<CNDMPMoverAbortReply>(abort);
-  ASSERT_NE(aborted, nullptr);
-  EXPECT_EQ(aborted->NDMP_Error, CNDMPError::NDMP_NO_ERR);
-  ASSERT_EQ(halted.WaitFor(1), 1u);
-  ASSERT_NE(halted.Body<CNDMPNotifyMoverHaltedPost>(0), nullptr);
-  EXPECT_EQ(halted.Body<CNDMPNotifyMoverHaltedPost>(0)->Reason,
-            CNDMPEnumMoverHaltReason::NDMP_MOVER_HALT_ABORTED);
-  std::unique_ptr<CNDMPMoverGetStateReply> state = MoverState();
-  ASSERT_NE(state, nullptr);
-  EXPECT_EQ(state->State, CNDMPEnumMoverState::NDMP_MOVER_STATE_HALTED);
-  EXPECT_EQ(state->HaltReason, CNDMPEnumMoverHaltReason::NDMP_MOVER_HALT_ABORTED);
-
-  CNDMPMoverStopRequest stop;
-  auto stopped = AskOk<CNDMPMoverStopReply>(stop);
-  ASSERT_NE(stopped, nullptr);
-  EXPECT_EQ(stopped->NDMP_Error, CNDMPError::NDMP_NO_ERR);
-  state = MoverState();
-  ASSERT_NE(state, nullptr);
-  EXPECT_EQ(state->State, CNDMPEnumMoverState::NDMP_MOVER_STATE_IDLE);
-  EXPECT_EQ(CNDMPTapeHelper::TapeClose(connection_.get()), CNDMPError::NDMP_NO_ERR);
-  connection_->UnregisterCallback(registration);
+    ASSERT_EQ(halted.WaitFor(1), 1u);
+    ASSERT_NE(halted.Body<CNDMPNotifyMoverHaltedPost>(0), nullptr);
+    EXPECT_EQ(halted.Body<CNDMPNotifyMoverHaltedPost>(0)->Reason,
+              CNDMPEnumMoverHaltReason::NDMP_MOVER_HALT_ABORTED);
+    state = MoverState();
+    ASSERT_NE(state, nullptr);
+    EXPECT_EQ(state->State, CNDMPEnumMoverState::NDMP_MOVER_STATE_HALTED);
+    EXPECT_EQ(state->HaltReason, CNDMPEnumMoverHaltReason::NDMP_MOVER_HALT_ABORTED);
+    CNDMPMoverStopRequest stop;
+    auto stopped = AskOk<CNDMPMoverStopReply>(stop);
+    ASSERT_NE(stopped, nullptr);
+    EXPECT_EQ(stopped->NDMP_Error, CNDMPError::NDMP_NO_ERR);
+    state = MoverState();
+    ASSERT_NE(state, nullptr);
+    EXPECT_EQ(state->State, CNDMPEnumMoverState::NDMP_MOVER_STATE_IDLE);
+    EXPECT_EQ(CNDMPTapeHelper::TapeClose(connection_.get()), CNDMPError::NDMP_NO_ERR);
+    connection_->UnregisterCallback(registration);
+  }
 }
 
 }  // namespace

@@ -47,17 +47,20 @@ int RemainingMs(Clock::time_point deadline) {
 
 }  // namespace
 
+std::string FindExecutable(const std::string& name, const std::string& moreDirs) {
+  const char* path = std::getenv("PATH");
+  std::stringstream dirs(std::string(path != nullptr ? path : "") + ":" + moreDirs);
+  for (std::string dir; std::getline(dirs, dir, ':');) {
+    if (!dir.empty() && IsExecutable(dir + "/" + name)) return dir + "/" + name;
+  }
+  return "";
+}
+
 std::string CNdmjobServer::FindProgram() {
   if (const char* env = std::getenv("NDMJOB"); env != nullptr && *env != '\0') {
     return IsExecutable(env) ? env : "";
   }
-  // The Debian package installs it outside the PATH.
-  const char* path = std::getenv("PATH");
-  std::stringstream dirs(std::string(path != nullptr ? path : "") + ":/usr/lib/amanda");
-  for (std::string dir; std::getline(dirs, dir, ':');) {
-    if (!dir.empty() && IsExecutable(dir + "/ndmjob")) return dir + "/ndmjob";
-  }
-  return "";
+  return FindExecutable("ndmjob", "/usr/lib/amanda");  // the Debian package's own directory
 }
 
 bool CNdmjobServer::Start(int timeoutMs) {
@@ -69,13 +72,11 @@ bool CNdmjobServer::Start(int timeoutMs) {
     return false;
   }
   std::string pattern = (std::filesystem::temp_directory_path() / "ndmpc-ndmjob-XXXXXX").string();
-  std::vector<char> buffer(pattern.begin(), pattern.end());
-  buffer.push_back('\0');
-  if (::mkdtemp(buffer.data()) == nullptr) {
+  if (::mkdtemp(pattern.data()) == nullptr) {
     error_ = std::string("mkdtemp: ") + std::strerror(errno);
     return false;
   }
-  directory_ = buffer.data();
+  directory_ = pattern;
   std::ofstream(directory_ + "/ndmjob.conf").close();
   // A port can be taken between probing and binding: a few fresh tries.
   for (int attempt = 0; attempt < 3; ++attempt) {
@@ -148,8 +149,7 @@ bool CNdmjobServer::StartOnce(const std::string& program, int timeoutMs) {
     }
     pollfd p{stdoutFd_, POLLIN, 0};
     int r = ::poll(&p, 1, left);
-    if (r < 0 && errno == EINTR) continue;
-    if (r <= 0) continue;
+    if (r <= 0) continue;  // interrupted, or time is checked above
     char chunk[256];
     ssize_t n = ::read(stdoutFd_, chunk, sizeof chunk);
     if (n < 0 && errno == EINTR) continue;

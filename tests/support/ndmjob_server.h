@@ -20,6 +20,10 @@
 
 namespace com::vx::korvane::ndmpc::testing {
 
+// The first executable file `name` in the PATH's directories, then in
+// `moreDirs` (colon-separated); "" when there is none.
+std::string FindExecutable(const std::string& name, const std::string& moreDirs = "");
+
 class CNdmjobServer {
  public:
   static constexpr const char* kUser = "ndmp";

@@ -11,22 +11,28 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <cstring>
 #include <thread>
 
 namespace com::vx::korvane::ndmpc::testing {
 namespace {
 
-// Appends everything readable from `fd` until end of data, an error, or
-// kWaitMs without any byte.
-void ReadUntilEnd(int fd, std::vector<unsigned char>* out) {
+// Appends what `fd` delivers to `out` until `out` holds `limit` bytes, the
+// data ends, an error, or the wait runs out: kWaitMs without a byte, or
+// kWaitMs in all when `overall`.
+void ReadInto(int fd, std::vector<unsigned char>* out, std::size_t limit, bool overall) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
   unsigned char buffer[16384];
-  for (;;) {
+  while (out->size() < limit) {
+    const auto left = !overall ? kWaitMs
+                               : std::chrono::duration_cast<std::chrono::milliseconds>(
+                                     deadline - std::chrono::steady_clock::now())
+                                     .count();
+    if (left <= 0) return;
     pollfd p{fd, POLLIN, 0};
-    int r = poll(&p, 1, kWaitMs);
+    const int r = poll(&p, 1, static_cast<int>(left));
     if (r < 0 && errno == EINTR) continue;
     if (r <= 0) return;
-    ssize_t n = ::recv(fd, buffer, sizeof(buffer), 0);
+    const ssize_t n = ::recv(fd, buffer, std::min(sizeof(buffer), limit - out->size()), 0);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) return;
     out->insert(out->end(), buffer, buffer + n);
@@ -95,30 +101,14 @@ bool CLoopbackTcp::PeerWrite(const std::vector<unsigned char>& bytes) {
 }
 
 std::vector<unsigned char> CLoopbackTcp::PeerRead(std::size_t count) {
-  std::vector<unsigned char> out(count);
-  std::size_t done = 0;
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
-  while (done < count) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                    deadline - std::chrono::steady_clock::now())
-                    .count();
-    if (left <= 0) break;
-    pollfd p{peer, POLLIN, 0};
-    int r = poll(&p, 1, static_cast<int>(left));
-    if (r < 0 && errno == EINTR) continue;
-    if (r <= 0) break;
-    ssize_t n = ::recv(peer, out.data() + done, count - done, 0);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
-    done += static_cast<std::size_t>(n);
-  }
-  out.resize(done);
+  std::vector<unsigned char> out;
+  ReadInto(peer, &out, count, true);
   return out;
 }
 
 std::vector<unsigned char> CLoopbackTcp::PeerReadAll() {
   std::vector<unsigned char> out;
-  ReadUntilEnd(peer, &out);
+  ReadInto(peer, &out, SIZE_MAX, false);
   return out;
 }
 
@@ -138,7 +128,7 @@ void CLoopbackTcp::PeerReset() {
 std::vector<unsigned char> CaptureRecordBytes(const std::function<void(CXDRStream&)>& write) {
   CSocketPair pair;
   std::vector<unsigned char> received;
-  std::thread reader([&] { ReadUntilEnd(pair.b.descriptor(), &received); });
+  std::thread reader([&] { ReadInto(pair.b.descriptor(), &received, SIZE_MAX, false); });
   {
     VxLog quiet;
     quiet.setLevel(0);
@@ -238,21 +228,19 @@ bool CCapturingLog::Contains(const std::string& text) const { return Count(text)
 
 int CCapturingLog::Count(const std::string& text) const {
   std::lock_guard<std::mutex> lock(mutex_);
+  return CountLocked(text);
+}
+
+int CCapturingLog::CountLocked(const std::string& text) const {
   int n = 0;
-  for (const Line& line : lines_) {
-    if (line.second.find(text) != std::string::npos) ++n;
-  }
+  for (const Line& line : lines_) n += line.second.find(text) != std::string::npos ? 1 : 0;
   return n;
 }
 
-bool CCapturingLog::WaitFor(const std::string& text, int timeoutMs) const {
+bool CCapturingLog::WaitFor(const std::string& text, int timeoutMs, int count) const {
   std::unique_lock<std::mutex> lock(mutex_);
-  return added_.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] {
-    for (const Line& line : lines_) {
-      if (line.second.find(text) != std::string::npos) return true;
-    }
-    return false;
-  });
+  return added_.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                         [&] { return CountLocked(text) >= count; });
 }
 
 void CCapturingLog::Clear() {
@@ -290,6 +278,29 @@ std::vector<unsigned char> Concat(std::initializer_list<std::vector<unsigned cha
   std::vector<unsigned char> all;
   for (const auto& part : parts) all.insert(all.end(), part.begin(), part.end());
   return all;
+}
+
+std::vector<unsigned char> Words(std::initializer_list<std::uint32_t> words) {
+  std::vector<unsigned char> out;
+  for (std::uint32_t w : words) {
+    for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<unsigned char>(w >> shift));
+  }
+  return out;
+}
+
+std::vector<unsigned char> Counting(std::size_t length, unsigned char first) {
+  std::vector<unsigned char> bytes(length);
+  for (std::size_t i = 0; i < length; ++i) bytes[i] = static_cast<unsigned char>(first + i);
+  return bytes;
+}
+
+std::vector<unsigned char> OpaqueBytes(const CXDROpaque& opaque) {
+  const auto* data = static_cast<const unsigned char*>(opaque.GetData());
+  return std::vector<unsigned char>(data, data + opaque.GetSize());
+}
+
+void SetOpaque(CXDROpaque& opaque, const std::vector<unsigned char>& bytes) {
+  opaque.SetData(bytes.data(), bytes.size());
 }
 
 }  // namespace com::vx::korvane::ndmpc::testing

@@ -112,14 +112,16 @@ class CCapturingLog : public VxLog {
   bool Contains(const std::string& text) const;
   // Number of lines that contain `text`.
   int Count(const std::string& text) const;
-  // Waits up to `timeoutMs` for a line containing `text`.
-  bool WaitFor(const std::string& text, int timeoutMs = kWaitMs) const;
+  // Waits up to `timeoutMs` until `count` lines contain `text`.
+  bool WaitFor(const std::string& text, int timeoutMs = kWaitMs, int count = 1) const;
   void Clear();
 
  protected:
   void WriteLine(Severity severity, const char* text) override;
 
  private:
+  int CountLocked(const std::string& text) const;  // with mutex_ held
+
   mutable std::mutex mutex_;
   mutable std::condition_variable added_;
   std::vector<Line> lines_;  // guarded by mutex_
@@ -131,5 +133,12 @@ std::string Hex(const std::vector<unsigned char>& bytes);
 std::vector<unsigned char> Bytes(std::initializer_list<int> values);
 // Concatenation, for building raw input: Concat({FragmentHeader(..), Bytes(..)}).
 std::vector<unsigned char> Concat(std::initializer_list<std::vector<unsigned char>> parts);
+// Big-endian 4-byte words: Words({2, 0x11}) is "00 00 00 02 00 00 00 11".
+std::vector<unsigned char> Words(std::initializer_list<std::uint32_t> words);
+// `length` bytes counting up from `first` (wrapping at 256).
+std::vector<unsigned char> Counting(std::size_t length, unsigned char first = 1);
+// The bytes an opaque holds, and setting them.
+std::vector<unsigned char> OpaqueBytes(const CXDROpaque& opaque);
+void SetOpaque(CXDROpaque& opaque, const std::vector<unsigned char>& bytes);
 
 }  // namespace com::vx::korvane::ndmpc::testing

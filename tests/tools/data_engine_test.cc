@@ -2,7 +2,6 @@
 // tar, whole and selective restores, both history shapes, and refusals.
 #include "tools/simulator/data_engine.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -27,55 +26,6 @@ using testing::WriteRandomFile;
 using Tree = std::map<std::string, std::string>;  // path -> mode, mtime, size, content
 using Log = std::vector<std::pair<int, std::string>>;
 constexpr std::uint64_t kAll = ~0ull;
-
-void Stamp(const std::string& path, std::int64_t mtime, mode_t mode) {
-  struct timespec times[2] = {{mtime, 0}, {mtime, 0}};
-  ASSERT_EQ(chmod(path.c_str(), mode) | utimensat(AT_FDCWD, path.c_str(), times, 0), 0) << path;
-}
-
-// Empty files, a 6 MB file, long, spaced and UTF-8 names, nested
-// directories, symbolic links (one dangling) and 300 small files.
-void MakeTree(const std::string& root) {
-  std::string longDir = root + "/" + std::string(90, 'D') + "/" + std::string(90, 'E');
-  std::filesystem::create_directories(root + "/d1/d2/d3/d4");
-  std::filesystem::create_directories(longDir);
-  WriteRandomFile(root + "/big.bin", 6 << 20, 1);
-  WriteRandomFile(root + "/name with spaces.txt", 700, 2);
-  WriteRandomFile(root + "/d1/d2/Grüße, 日本語 " + std::string(110, 'n') + ".txt", 5000, 3);
-  WriteRandomFile(root + "/d1/d2/d3/d4/deep.bin", 1 << 20, 4);
-  WriteRandomFile(longDir + "/" + std::string(100, 'f'), 513, 5);
-  for (int i = 0; i < 300; ++i) {
-    std::string dir = root + "/sub" + std::to_string(i % 10);
-    mkdir(dir.c_str(), 0750);
-    std::string file = dir + "/f" + std::to_string(i) + (i % 7 == 0 ? ".empty" : "");
-    WriteRandomFile(file, i % 7 == 0 ? 0 : static_cast<std::size_t>(i * 37 % 3000), 10 + i);
-    Stamp(file, 1000000000 + i * 3600, i % 3 == 0 ? 0640 : 0604);
-  }
-  ASSERT_EQ(symlink("d1/d2", (root + "/link to dir").c_str()), 0);
-  ASSERT_EQ(symlink("nowhere", (root + "/d1/dangling").c_str()), 0);
-  Stamp(root + "/d1/d2", 1200000000, 0700);
-  Stamp(root + "/d1", 1300000000, 0755);
-}
-
-Tree Snapshot(const std::string& root) {
-  Tree tree;
-  auto add = [&](const std::string& path) {
-    struct stat st;
-    lstat(path.c_str(), &st);
-    std::string& line = tree[path.size() == root.size() ? "/" : path.substr(root.size())];
-    line = std::to_string(st.st_mode) + " ";
-    if (S_ISLNK(st.st_mode)) {
-      line += std::filesystem::read_symlink(path).string();
-    } else {
-      line += std::to_string(st.st_mtim.tv_sec) + "." + std::to_string(st.st_mtim.tv_nsec) + " " +
-              std::to_string(st.st_size) + " " +
-              (S_ISREG(st.st_mode) ? std::to_string(std::hash<std::string>()(ReadFile(path))) : "");
-    }
-  };
-  add(root);
-  for (const auto& e : std::filesystem::recursive_directory_iterator(root)) add(e.path().string());
-  return tree;
-}
 
 std::set<std::string> Paths(const Tree& tree) {
   std::set<std::string> paths;
@@ -160,8 +110,8 @@ class DataEngine : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
     source_ = new CTempDir;
-    MakeTree(source_->Path());
-    tree_ = new Tree(Snapshot(source_->Path()));
+    testing::BuildTestTree(source_->Path(), 300, true);
+    tree_ = new Tree(testing::SnapshotTree(source_->Path()));
     image_ = new CImage;
     ASSERT_EQ(Backup(source_->Path(), false, image_), CSimHaltReason::kSuccessful);
     for (const CSimFileEntry& e : image_->files) fh_[e.path] = e.fhInfo;
@@ -173,7 +123,7 @@ class DataEngine : public ::testing::Test {
   static inline std::map<std::string, std::uint64_t> fh_;
 };
 
-TEST_F(DataEngine, ImageIsReadByGnuTarAndRestoresWhole) {
+TEST_F(DataEngine, ImageIsReadByGnuTarRestoresWholeAndItsHistoryDescribesTheTree) {
   // GNU tar extracts every entry with its mode, times, size, content and link.
   CTempDir out;
   std::ofstream(out.File("image.tar"), std::ios::binary) << image_->bytes;
@@ -181,25 +131,23 @@ TEST_F(DataEngine, ImageIsReadByGnuTarAndRestoresWhole) {
   ASSERT_EQ(std::system(("tar -x -f " + out.File("image.tar") + " -C " + out.File("gnu")).c_str()),
             0);
   EXPECT_EQ(Paths(image_->files), Paths(*tree_));
-  EXPECT_EQ(Snapshot(out.File("gnu")), *tree_);
+  EXPECT_EQ(testing::SnapshotTree(out.File("gnu")), *tree_);
 
   CFeed feed{image_->bytes};
   CSimRecoverJob job;
   job.items = {{"/", out.File("engine"), kAll}};
   ASSERT_EQ(feed.Recover(job), CSimHaltReason::kSuccessful);
-  EXPECT_EQ(Snapshot(out.File("engine")), *tree_);
+  EXPECT_EQ(testing::SnapshotTree(out.File("engine")), *tree_);
   EXPECT_EQ(feed.requests, (decltype(feed.requests){{0, kAll}}));
-}
 
-TEST_F(DataEngine, HistoryDescribesTheTree) {
   // Path-based history from the backup and from reading the image back agree
   // on every entry's stat and offset; nodes are the files' inodes.
-  CFeed feed{image_->bytes};
-  CSimRecoverJob job;
+  CFeed history{image_->bytes};
+  job = CSimRecoverJob();
   job.historyOnly = true;
   std::vector<CSimFileEntry> reread;
   job.files = [&](auto& batch) { reread.insert(reread.end(), batch.begin(), batch.end()); };
-  ASSERT_EQ(feed.Recover(job), CSimHaltReason::kSuccessful);
+  ASSERT_EQ(history.Recover(job), CSimHaltReason::kSuccessful);
   ASSERT_EQ(reread.size(), image_->files.size());
   for (std::size_t i = 0; i < reread.size(); ++i) {
     const CSimFileEntry &a = image_->files[i], &b = reread[i];
@@ -229,23 +177,22 @@ TEST_F(DataEngine, HistoryDescribesTheTree) {
 }
 
 TEST_F(DataEngine, SelectiveRestoreReadsOnlyWhatItNeeds) {
-  const std::string utf8 = "/d1/d2/Grüße, 日本語 " + std::string(110, 'n') + ".txt";
-  const std::string spaced = "/name with spaces.txt", deep = "/d1/d2/d3/d4/deep.bin";
-  const std::uint64_t kRight = 0, kWrong = 1;       // kWrong: the offset of another entry
-  std::uint64_t sub4Header = image_->bytes.size();  // a directory's header ends at the next one
+  const std::string deep = "/z/" + testing::kLongName + "/deep/f5";
+  const std::uint64_t kRight = 0, kWrong = 1;        // kWrong: the offset of another entry
+  std::uint64_t emptyHeader = image_->bytes.size();  // a directory's header ends at the next one
   for (const auto& [p, f] : fh_) {
-    if (f > fh_.at("/sub4")) sub4Header = std::min(sub4Header, f - fh_.at("/sub4"));
+    if (f > fh_.at("/empty")) emptyHeader = std::min(emptyHeader, f - fh_.at("/empty"));
   }
   struct {
     std::vector<std::pair<std::string, std::uint64_t>> items;  // original, fhInfo
     std::uint64_t slack;  // bounded bytes read beyond the items' own headers and data
     bool wholePass;       // ends with one request for the whole image
   } cases[] = {
-      {{{spaced, kRight}, {utf8, kRight}, {deep, kRight}}, 0, false},
-      {{{"/big.bin", kRight}, {"/d1/d2", kRight}}, kAll, false},  // subtree last: to its end
-      {{{"/sub3", kRight}, {"/sub7/f7.empty", kRight}}, sub4Header, false},  // read past its end
-      {{{deep, kWrong}, {"/sub5", kRight}}, kAll, true},
-      {{{"/d1", kAll}}, kAll, true},
+      {{{"/a/f1", kRight}, {"/a/b c/d\xC3\xA9j\xC3\xA0/f3", kRight}, {deep, kRight}}, 0, false},
+      {{{"/a/big.bin", kRight}, {"/z/" + testing::kLongName, kRight}}, kAll, false},  // to its end
+      {{{"/a", kRight}, {deep, kRight}}, emptyHeader, false},  // read past its end
+      {{{deep, kWrong}, {"/a/b c", kRight}}, kAll, true},
+      {{{"/z", kAll}}, kAll, true},
   };
   for (const auto& c : cases) {
     CTempDir out;
@@ -263,7 +210,7 @@ TEST_F(DataEngine, SelectiveRestoreReadsOnlyWhatItNeeds) {
     }
     CFeed feed{image_->bytes};
     ASSERT_EQ(feed.Recover(job), CSimHaltReason::kSuccessful) << c.items[0].first;
-    Tree restored = Snapshot(out.Path());
+    Tree restored = testing::SnapshotTree(out.Path());
     restored.erase("/");
     EXPECT_EQ(restored, expected) << c.items[0].first;
     std::uint64_t bounded = 0;

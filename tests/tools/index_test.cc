@@ -4,7 +4,6 @@
 // orders; a writer killed mid-backup; bad input that must change nothing.
 #include "tools/index/backup_index.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -13,7 +12,6 @@
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <set>
 
@@ -23,20 +21,6 @@ namespace com::vx::korvane::ndmpc::tools::testing {
 namespace {
 
 namespace fs = std::filesystem;
-
-void BuildTree(const std::string& root) {
-  const std::vector<std::string> dirs = {"", "a", "a/deep/er", "d2", "d2/sub", "sp ace \xC3\xA9"};
-  for (const std::string& d : dirs) fs::create_directories(root + "/" + d);
-  fs::create_directories(root + "/empty");
-  for (int i = 0; i < 60; ++i) {
-    const std::string path = root + "/" + dirs[i % dirs.size()] + "/f" + std::to_string(i);
-    std::ofstream(path) << std::string(static_cast<std::size_t>(i * 53 % 2000), 'x');
-    ::chmod(path.c_str(), i % 3 == 0 ? 0600 : i % 3 == 1 ? 0644 : 0755);
-    const struct timespec times[2] = {{1600000000, 0}, {1500000000 + i * 100, 0}};
-    ::utimensat(AT_FDCWD, path.c_str(), times, 0);
-  }
-  fs::create_symlink("../d2", root + "/a/link");
-}
 
 // Name -> "type mode size mtime", from the file system or from `ls --json`.
 using CListing = std::map<std::string, std::string>;
@@ -75,17 +59,14 @@ CListing ListIndexed(const std::string& index, const std::string& id, const std:
 TEST(IndexCli, BackupsListAsTheTreeAndRestoreExactlyTheChosenPaths) {
   CTempDir root;
   const std::string src = root.File("src"), index = root.File("backups.db");
-  BuildTree(src);
-  CSimServerConfig config = CSimFixture::DefaultConfig();
-  config.dataRoot = root.Path();
-  CSimFixture sim(config);
+  BuildTestTree(src, 60, false);
+  const std::string deep = "/z/" + kLongName + "/deep";
+  CSimFixture sim(CSimFixture::DataConfig(root.Path()));
   const std::vector<std::string> types = {"tar", "dump"};  // path-based, node-based history
   for (std::size_t b = 0; b < types.size(); ++b) {
     SCOPED_TRACE(types[b]);
-    std::vector<std::string> args = sim.Target();
-    args.insert(args.end(), {"backup", "/src", "--tape", "t" + types[b], "--type", types[b],
-                             "--index", index, "--json"});
-    CRunResult r = RunNdmpc(args);
+    CRunResult r = RunNdmpc(With(sim.Target(), {"backup", "/src", "--tape", "t" + types[b], "--type",
+                                                 types[b], "--index", index, "--json"}));
     CJson backup, restore;
     ASSERT_EQ(r.status, 0) << r.err;
     ASSERT_TRUE(ParseJson(r.out, &backup)) << r.out;
@@ -100,20 +81,18 @@ TEST(IndexCli, BackupsListAsTheTreeAndRestoreExactlyTheChosenPaths) {
 
     // Two files and a directory, read at their offsets into the image.
     const std::string to = "/sel-" + types[b];
-    args = sim.Target();
-    args.insert(args.end(), {"restore", "--index", index, "--backup", id, "/a/f1", "d2",
-                             "/sp ace \xC3\xA9/f5", "--to", to, "--json"});
-    r = RunNdmpc(args);
+    r = RunNdmpc(With(sim.Target(), {"restore", "--index", index, "--backup", id, "/a/f1", "a/b c",
+                                     deep + "/f5", "--to", to, "--json"}));
     ASSERT_EQ(r.status, 0) << r.err;
     ASSERT_TRUE(ParseJson(r.out, &restore)) << r.out;
     // Only the chosen parts of the image were read, each at its offset.
     EXPECT_LT(restore["bytes"].number, backup["bytes"].number / 2);
     EXPECT_EQ(r.err.find("not at image offset"), std::string::npos) << r.err;
-    std::set<std::string> restored, expected = {"/a/f1", "/sp ace \xC3\xA9/f5"};
+    std::set<std::string> restored, expected = {"/a/f1", deep + "/f5"};
     for (const auto& item : fs::recursive_directory_iterator(root.File(to.substr(1)))) {
       if (!item.is_directory()) restored.insert(item.path().string().substr(root.Path().size() + to.size()));
     }
-    for (const auto& item : fs::recursive_directory_iterator(src + "/d2")) {
+    for (const auto& item : fs::recursive_directory_iterator(src + "/a/b c")) {
       if (!item.is_directory()) expected.insert(item.path().string().substr(src.size()));
     }
     EXPECT_EQ(restored, expected);
@@ -121,10 +100,10 @@ TEST(IndexCli, BackupsListAsTheTreeAndRestoreExactlyTheChosenPaths) {
       EXPECT_EQ(ReadFile(root.File(to.substr(1)) + path), ReadFile(src + path)) << path;
     }
   }
-  CRunResult found = RunNdmpc({"index", index, "find", "/d2/*/f*", "--json"});
+  CRunResult found = RunNdmpc({"index", index, "find", "/z/*/deep/f*", "--json"});
   CJson json;
   ASSERT_TRUE(ParseJson(found.out, &json)) << found.out << found.err;
-  ASSERT_EQ(json["matches"].items.size(), 2 * ListDirectory(src + "/d2/sub").size());
+  ASSERT_EQ(json["matches"].items.size(), 2 * ListDirectory(src + deep).size());
   EXPECT_EQ(json["matches"][0]["backup"].number, 1);
   EXPECT_EQ(json["matches"].items.back()["backup"].number, 2);
 }

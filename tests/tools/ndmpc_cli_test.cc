@@ -5,18 +5,12 @@
 #include <string>
 #include <vector>
 
-#include "ndmpc/ndmp/connection/connection.h"
 #include "ndmpc/ndmp/helpers/tape_helper.h"
 #include "tests/tools/tools_test_support.h"
 #include "tools/simulator/virtual_tape.h"
 
 namespace com::vx::korvane::ndmpc::tools::testing {
 namespace {
-
-std::vector<std::string> With(std::vector<std::string> base, const std::vector<std::string>& more) {
-  base.insert(base.end(), more.begin(), more.end());
-  return base;
-}
 
 bool Contains(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
@@ -151,16 +145,14 @@ TEST(Ndmpc, TapeCommandsWriteReadAndPosition) {
   EXPECT_EQ(RunJson(sim, {"tape", "state", "t"})["state"]["FileNum"].number, 2);
 
   // A tape another session holds is reported with the error's name.
-  CNDMPConnection holder("127.0.0.1", "", QuietLog(), sim.Port());
-  ASSERT_EQ(holder.Connect(), enums::CNDMPError::NDMP_NO_ERR);
-  ASSERT_EQ(holder.Authenticate("ndmp", "secret"), enums::CNDMPError::NDMP_NO_ERR);
-  ASSERT_EQ(CNDMPTapeHelper::TapeOpen(&holder, "t",
+  CClient holder(sim.Port());
+  ASSERT_TRUE(holder.Open());
+  ASSERT_EQ(CNDMPTapeHelper::TapeOpen(holder.get(), "t",
                                       enums::CNDMPEnumTapeOpenMode::NDMP_TAPE_RDWR_MODE, false),
             enums::CNDMPError::NDMP_NO_ERR);
   r = run({"state", "t"});
   EXPECT_EQ(r.status, 5);
   EXPECT_TRUE(Contains(r.err, "NDMP_DEVICE_BUSY_ERR")) << r.err;
-  holder.Disconnect();
 }
 
 TEST(Ndmpc, ServesUntilInterruptedAndRunsTheDemo) {
@@ -192,9 +184,7 @@ TEST(Ndmpc, ServesUntilInterruptedAndRunsTheDemo) {
 TEST(Ndmpc, BackupAndRestoreReportInJsonAndExplainFailures) {
   CTempDir root;
   const std::string data = WriteRandomFile(root.File("src.bin"), 100000, 5);
-  CSimServerConfig config = CSimFixture::DefaultConfig();
-  config.dataRoot = root.Path();
-  CSimFixture sim(config);
+  CSimFixture sim(CSimFixture::DataConfig(root.Path()));
   CJson json = RunJson(sim, {"backup", "/", "--tape", "t1", "--type", "dump", "--env", "NOTE=x"});
   EXPECT_EQ(json["outcome"].text, "succeeded");
   EXPECT_EQ(json["files"].number, 1);

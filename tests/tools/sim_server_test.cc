@@ -8,7 +8,6 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <cstring>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -17,12 +16,12 @@
 #include <thread>
 #include <vector>
 
-#include "ndmpc/ndmp/connection/connection.h"
 #include "ndmpc/ndmp/helpers/tape_helper.h"
 #include "ndmpc/ndmp/messages/connect_config_messages.h"
 #include "ndmpc/ndmp/messages/data_mover_messages.h"
 #include "ndmpc/ndmp/messages/notify_log_fh_messages.h"
 #include "ndmpc/ndmp/messages/scsi_tape_messages.h"
+#include "tests/support/tape_script.h"
 #include "tests/tools/tools_test_support.h"
 #include "tools/cli/message_builder.h"
 
@@ -31,7 +30,6 @@ namespace {
 
 using enums::CNDMPError;
 using Mode = enums::CNDMPEnumTapeOpenMode;
-using Op = enums::CNDMPEnumMtioOp;
 using MoverMode = enums::CNDMPEnumMoverMode;
 using Addr = enums::CNDMPEnumAddrType;
 using DataHalt = enums::CNDMPEnumDataHaltReason;
@@ -39,58 +37,6 @@ using MoverHalt = enums::CNDMPEnumMoverHaltReason;
 constexpr unsigned int kOk = CNDMPError::NDMP_NO_ERR;
 constexpr unsigned int kRecord = 8192;
 const std::string kAll = "18446744073709551615";  // a length without limit
-
-// A connected (and, unless told otherwise, authenticated) library client.
-class CClient {
- public:
-  explicit CClient(unsigned int port) : connection_("127.0.0.1", "", QuietLog(), port) {}
-  ~CClient() { connection_.Disconnect(); }
-  bool Open(const char* user = "ndmp", const char* password = "secret", unsigned int version = 0) {
-    CXDREnumBase<CNDMPError> r =
-        version == 0 ? connection_.Connect()
-                     : connection_.Connect(CXDREnumBase<enums::CNDMPProtocolVersion>(version));
-    if (r != kOk) return false;
-    return user == nullptr || connection_.Authenticate(user, password) == kOk;
-  }
-  CNDMPConnection* operator->() { return &connection_; }
-  CNDMPConnection* get() { return &connection_; }
-  // The error of a request: the header's, else the reply's first error field.
-  unsigned int Ask(CNDMPMessage& request) {
-    CNDMPMessage* reply = nullptr;
-    unsigned int error = connection_.SendMessage(request, &reply, 10).getInt32();
-    for (std::size_t i = 0; error == kOk && reply != nullptr && i < reply->GetMemberCount(); ++i) {
-      if (auto* e = dynamic_cast<CXDREnumBase<CNDMPError>*>(reply->GetMember(i).member)) {
-        error = e->getInt32();
-        break;
-      }
-    }
-    connection_.FreeMessage(reply);
-    return error;
-  }
-  // A request built from text as `ndmpc send` builds it; its error.
-  unsigned int Ask(const std::string& message, const std::vector<std::string>& fields = {}) {
-    std::uint32_t code = 0;
-    std::string error;
-    EXPECT_TRUE(FindMessageCode(message, &code, &error)) << error;
-    std::unique_ptr<CNDMPMessage> request = MakeRequest(code, connection_.GetProtocolVersion());
-    for (const std::string& field : fields) {
-      EXPECT_TRUE(ApplyAssignment(*request, field, &error)) << message << " " << error;
-    }
-    SettleVersion(*request, connection_.GetProtocolVersion());
-    return Ask(*request);
-  }
-  template <class R>
-  std::shared_ptr<R> Get(CNDMPMessage& request) {
-    CNDMPMessage* reply = nullptr;
-    if (connection_.SendMessage(request, &reply, 10) != kOk) return nullptr;
-    CNDMPConnection* connection = &connection_;
-    return std::shared_ptr<R>(dynamic_cast<R*>(reply),
-                              [connection, reply](R*) { connection->FreeMessage(reply); });
-  }
-
- private:
-  CNDMPConnection connection_;
-};
 
 TEST(SimServer, NegotiatesAndAuthenticatesAsConfigured) {
   const struct {
@@ -136,90 +82,51 @@ TEST(SimServer, TapeAgentAnswersLikeADriveAndKeepsTapesAcrossARestart) {
   config.maxRecordSize = 1000;
   CSimFixture sim(config);
   CClient a(sim.Port()), b(sim.Port());
-  CClient* clients[] = {&a, &b};
   ASSERT_TRUE(a.Open() && b.Open());
-  // One request by client `who`; `out` is the byte count or residual, kAny
-  // when not checked (for "state": the used bytes, with `count` the block).
-  constexpr unsigned int kAny = ~0u;
-  const struct {
-    int who;
-    const char* op;
-    const char* device;
-    unsigned int count, error, out;
-  } steps[] = {
-      {0, "write", "", 10, CNDMPError::NDMP_DEV_NOT_OPEN_ERR, 0},
-      {0, "open", "../escape", 0, CNDMPError::NDMP_NO_DEVICE_ERR, 0},
-      {0, "open", "a/b", 0, CNDMPError::NDMP_NO_DEVICE_ERR, 0},
-      {0, "open", "", 0, CNDMPError::NDMP_NO_DEVICE_ERR, 0},
-      {0, "open", ".hidden", 0, CNDMPError::NDMP_NO_DEVICE_ERR, 0},
-      {0, "read-only", "missing", 0, CNDMPError::NDMP_NO_DEVICE_ERR, 0},
-      {0, "open", "t", 0, kOk, 0},
-      {0, "open", "t", 0, CNDMPError::NDMP_DEVICE_OPENED_ERR, 0},
-      {1, "read-only", "t", 0, CNDMPError::NDMP_DEVICE_BUSY_ERR, 0},
-      // Two records, a filemark, one more record.
-      {0, "write", "", 100, kOk, 100},
-      {0, "write", "", 30, kOk, 30},
-      {0, "eof", "", 1, kOk, 0},
-      {0, "write", "", 5, kOk, 5},
-      {0, "rew", "", 1, kOk, 0},
-      // A short read truncates the record; the next read starts at the next one.
-      {0, "read", "", 40, kOk, 40},
-      {0, "read", "", 200, kOk, 30},
-      {0, "read", "", 200, CNDMPError::NDMP_EOF_ERR, 0},
-      {0, "read", "", 200, kOk, 5},
-      {0, "read", "", 200, CNDMPError::NDMP_EOM_ERR, kAny},
-      {0, "bsf", "", 2, CNDMPError::NDMP_EOM_ERR, 1},
-      {0, "fsr", "", 5, CNDMPError::NDMP_EOF_ERR, 3},
-      {0, "state", "", 2, kOk, 135},
-      {0, "close", "", 0, kOk, 0},
-      {0, "close", "", 0, CNDMPError::NDMP_DEV_NOT_OPEN_ERR, 0},
-      // Read-only opens refuse writes; a closed tape is free for others.
-      {1, "read-only", "t", 0, kOk, 0},
-      {1, "write", "", 10, CNDMPError::NDMP_PERMISSION_ERR, 0},
-      {1, "eof", "", 1, CNDMPError::NDMP_PERMISSION_ERR, kAny},
-      {1, "close", "", 0, kOk, 0},
-      // Records above the limit are refused; the tape ends at its capacity.
-      {1, "open", "t", 0, kOk, 0},
-      {1, "write", "", 1001, CNDMPError::NDMP_ILLEGAL_ARGS_ERR, 0},
-      {1, "rew", "", 1, kOk, 0},
-      {1, "write", "", 100, kOk, 100},
-      {1, "write", "", 150, kOk, 150},  // exactly full
-      {1, "write", "", 1, CNDMPError::NDMP_EOM_ERR, 0},
-  };
-  const std::map<std::string, unsigned int> mtio = {
-      {"eof", Op::NDMP_MTIO_EOF}, {"rew", Op::NDMP_MTIO_REW}, {"bsf", Op::NDMP_MTIO_BSF},
-      {"fsr", Op::NDMP_MTIO_FSR}};
-  std::vector<unsigned char> record(1001), buffer(1001);
-  for (std::size_t i = 0; i < record.size(); ++i) record[i] = static_cast<unsigned char>(i);
-  for (const auto& s : steps) {
-    CNDMPConnection* c = clients[s.who]->get();
-    const std::string op = s.op;
-    unsigned int out = 0, error = 0;
-    if (op == "open" || op == "read-only") {
-      error = CNDMPTapeHelper::TapeOpen(
-          c, s.device, op == "open" ? Mode::NDMP_TAPE_RDWR_MODE : Mode::NDMP_TAPE_READ_MODE, false);
-    } else if (op == "write") {
-      error = CNDMPTapeHelper::TapeWrite(c, record.data(), s.count, &out);
-    } else if (op == "read") {
-      error = CNDMPTapeHelper::TapeRead(c, buffer.data(), s.count, &out);
-      EXPECT_EQ(std::memcmp(buffer.data(), record.data(), out), 0);
-    } else if (op == "close") {
-      error = CNDMPTapeHelper::TapeClose(c);
-    } else if (op == "state") {
-      CNDMPTapeGetStateRequest request;
-      auto state = clients[s.who]->Get<CNDMPTapeGetStateReply>(request);
-      ASSERT_TRUE(state);
-      EXPECT_EQ(state->FileNum, 0u);
-      EXPECT_EQ(state->BlockNo, s.count);
-      out = static_cast<unsigned int>(state->TotalSpace.getUint64() -
-                                      state->SpaceRemaining.getUint64());
-    } else {
-      out = 99;
-      error = CNDMPTapeHelper::TapeMTIO(c, CXDREnumBase<Op>(mtio.at(op)), s.count, &out);
-    }
-    EXPECT_EQ(error, s.error) << s.who << " " << op << " " << s.device << s.count;
-    EXPECT_EQ(s.out == kAny ? out : s.out, out) << s.who << " " << op << " " << s.count;
-  }
+  constexpr unsigned int kAny = ndmpc::testing::CTapeStep::kAny;
+  ndmpc::testing::RunTapeSteps(
+      {a.get(), b.get()}, "",
+      {
+          {0, "write", "", 10, CNDMPError::NDMP_DEV_NOT_OPEN_ERR, 0},
+          {0, "open", "../escape", 0, CNDMPError::NDMP_NO_DEVICE_ERR, 0},
+          {0, "open", "a/b", 0, CNDMPError::NDMP_NO_DEVICE_ERR, 0},
+          {0, "open", "", 0, CNDMPError::NDMP_NO_DEVICE_ERR, 0},
+          {0, "open", ".hidden", 0, CNDMPError::NDMP_NO_DEVICE_ERR, 0},
+          {0, "read-only", "missing", 0, CNDMPError::NDMP_NO_DEVICE_ERR, 0},
+          {0, "open", "t", 0, kOk, 0},
+          {0, "open", "t", 0, CNDMPError::NDMP_DEVICE_OPENED_ERR, 0},
+          {1, "read-only", "t", 0, CNDMPError::NDMP_DEVICE_BUSY_ERR, 0},
+          // Two records, a filemark, one more record.
+          {0, "write", "", 100, kOk, 100},
+          {0, "write", "", 30, kOk, 30},
+          {0, "eof", "", 1, kOk, 0},
+          {0, "write", "", 5, kOk, 5},
+          {0, "rew", "", 1, kOk, 0},
+          // A short read truncates the record; the next read starts at the next one.
+          {0, "read", "", 40, kOk, 40},
+          {0, "read", "", 200, kOk, 30},
+          {0, "read", "", 200, CNDMPError::NDMP_EOF_ERR, 0},
+          {0, "read", "", 200, kOk, 5},
+          {0, "read", "", 200, CNDMPError::NDMP_EOM_ERR, kAny},
+          {0, "bsf", "", 2, CNDMPError::NDMP_EOM_ERR, 1},
+          {0, "fsr", "", 5, CNDMPError::NDMP_EOF_ERR, 3},
+          {0, "state", "", 0, kOk, 2},
+          {0, "used", "", 0, kOk, 135},
+          {0, "close", "", 0, kOk, 0},
+          {0, "close", "", 0, CNDMPError::NDMP_DEV_NOT_OPEN_ERR, 0},
+          // Read-only opens refuse writes; a closed tape is free for others.
+          {1, "read-only", "t", 0, kOk, 0},
+          {1, "write", "", 10, CNDMPError::NDMP_PERMISSION_ERR, 0},
+          {1, "eof", "", 1, CNDMPError::NDMP_PERMISSION_ERR, kAny},
+          {1, "close", "", 0, kOk, 0},
+          // Records above the limit are refused; the tape ends at its capacity.
+          {1, "open", "t", 0, kOk, 0},
+          {1, "write", "", 1001, CNDMPError::NDMP_ILLEGAL_ARGS_ERR, 0},
+          {1, "rew", "", 1, kOk, 0},
+          {1, "write", "", 100, kOk, 100},
+          {1, "write", "", 150, kOk, 150},  // exactly full
+          {1, "write", "", 1, CNDMPError::NDMP_EOM_ERR, 0},
+      });
   // A new server on the same directory finds the tape as it was left.
   b->Disconnect();
   sim.Server().Stop();
@@ -228,61 +135,36 @@ TEST(SimServer, TapeAgentAnswersLikeADriveAndKeepsTapesAcrossARestart) {
   ASSERT_TRUE(again.Start(&error)) << error;
   CClient client(again.Port());
   ASSERT_TRUE(client.Open());
-  unsigned int n = 0;
-  ASSERT_EQ(CNDMPTapeHelper::TapeOpen(client.get(), "t", Mode::NDMP_TAPE_READ_MODE, false), kOk);
-  ASSERT_EQ(CNDMPTapeHelper::TapeRead(client.get(), buffer.data(), 1000, &n), kOk);
-  EXPECT_EQ(n, 100u);
-  EXPECT_EQ(std::memcmp(buffer.data(), record.data(), n), 0);
+  ndmpc::testing::RunTapeSteps({client.get()}, "",
+                               {{0, "read-only", "t", 0, kOk, 0}, {0, "read", "", 1000, kOk, 100}});
   client->Disconnect();
   again.Stop();
 }
 
-// One client's whole session on its own tape: the step that failed, or "".
-std::string TapeSession(unsigned int port, int i) {
+// One client's whole session on its own tape, records of a size of its own.
+void TapeSession(unsigned int port, int i) {
   CClient client(port);
-  if (!client.Open()) return "open";
+  ASSERT_TRUE(client.Open());
   for (const char* request :
        {"CONFIG_GET_HOST_INFO", "CONFIG_GET_FS_INFO", "CONFIG_GET_TAPE_INFO"}) {
-    if (client.Ask(request) != kOk) return "config";
+    EXPECT_EQ(client.Ask(request), kOk) << request;
   }
-  const std::string tape = "tape" + std::to_string(i);
-  if (CNDMPTapeHelper::TapeOpen(client.get(), tape.c_str(), Mode::NDMP_TAPE_RDWR_MODE, false) !=
-      kOk) {
-    return "tape open";
+  const auto size = static_cast<unsigned int>(20000 + i);
+  std::vector<ndmpc::testing::CTapeStep> steps = {{0, "open", "tape" + std::to_string(i), 0, kOk, 0}};
+  for (const char* op : {"write", "write", "write", "write", "rew", "read", "read", "read", "read"}) {
+    const bool rew = std::string(op) == "rew";
+    steps.push_back({0, op, "", rew ? 1 : size, kOk, rew ? 0 : size});
   }
-  std::vector<unsigned char> data(20000 + i), back(data.size());
-  std::mt19937 random(static_cast<unsigned int>(i));
-  for (unsigned char& b : data) b = static_cast<unsigned char>(random());
-  const auto size = static_cast<unsigned int>(data.size());
-  unsigned int n = 0;
-  for (int r = 0; r < 4; ++r) {
-    if (CNDMPTapeHelper::TapeWrite(client.get(), data.data(), size, &n) != kOk) return "write";
-  }
-  CNDMPTapeHelper::TapeMTIO(client.get(), Op::NDMP_MTIO_REW, 1, &n);
-  for (int r = 0; r < 4; ++r) {
-    if (CNDMPTapeHelper::TapeRead(client.get(), back.data(), size, &n) != kOk || back != data) {
-      return "read";
-    }
-  }
-  return "";
+  ndmpc::testing::RunTapeSteps({client.get()}, "", steps, static_cast<unsigned int>(i));
 }
 
-TEST(SimServer, ServesManyClientsAtOnce) {
-  CSimFixture sim;
-  constexpr int kClients = 8;
-  std::vector<std::string> failures(kClients, "not run");
-  std::vector<std::thread> threads;
-  for (int i = 0; i < kClients; ++i) {
-    threads.emplace_back([&, i] { failures[i] = TapeSession(sim.Port(), i); });
-  }
-  for (std::thread& t : threads) t.join();
-  for (int i = 0; i < kClients; ++i) EXPECT_EQ(failures[i], "") << "client " << i;
-}
-
-TEST(SimServer, SurvivesGarbageAndStopsWhileClientsAreConnected) {
+// Eight clients run whole tape sessions while others send garbage.
+TEST(SimServer, ServesManyClientsThroughGarbageAndStopsWhileClientsAreConnected) {
   CSimFixture sim;
   CClient steady(sim.Port());
   ASSERT_TRUE(steady.Open());
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 8; ++i) threads.emplace_back([&, i] { TapeSession(sim.Port(), i); });
   std::mt19937 random(99);
   std::vector<unsigned char> noise(5000);
   for (unsigned char& b : noise) b = static_cast<unsigned char>(random());
@@ -295,10 +177,11 @@ TEST(SimServer, SurvivesGarbageAndStopsWhileClientsAreConnected) {
   unsigned int written = 0;
   for (const auto& bytes : garbage) {
     VxTcpSocket socket;
-    ASSERT_EQ(socket.connect(VxSocketAddress("127.0.0.1", sim.Port()), 5000), 0u);
+    EXPECT_EQ(socket.connect(VxSocketAddress("127.0.0.1", sim.Port()), 5000), 0u);
     socket.write(bytes.data(), static_cast<unsigned int>(bytes.size()), &written);
     socket.close();
   }
+  for (std::thread& t : threads) t.join();
   // Still connected when the server stops: a client stuck inside a huge
   // record and one that never spoke.
   VxTcpSocket stuck, silent;
@@ -400,19 +283,15 @@ class CAgents : public CClient {
   // Restores the whole image to `destination`, answering the data agent's
   // one read request for all of it; the data agent's halt reason.
   unsigned int RestoreAll(const std::string& destination) {
-    if (Ask("NDMP_DATA_START_RECOVER",
-            {"BackupTypeName=dump", "NameList[].OriginalPath=/",
-             "NameList[0].DestinationDir=" + destination, "NameList[0].FileHistoryInfo=" + kAll}) !=
-        kOk) {
-      return 0;
-    }
+    EXPECT_EQ(Ask("NDMP_DATA_START_RECOVER",
+                  {"BackupTypeName=dump", "NameList[].OriginalPath=/",
+                   "NameList[0].DestinationDir=" + destination, "NameList[0].FileHistoryInfo=" + kAll}),
+              kOk);
     std::pair<std::uint64_t, std::uint64_t> first;
-    if (!posts.Wait([&] {
-          if (!posts.reads.empty()) first = posts.reads[0];
-          return !posts.reads.empty();
-        })) {
-      return 0;
-    }
+    EXPECT_TRUE(posts.Wait([&] {
+      if (!posts.reads.empty()) first = posts.reads[0];
+      return !posts.reads.empty();
+    }));
     EXPECT_EQ(first, std::make_pair(std::uint64_t{0}, ~std::uint64_t{0}));
     EXPECT_EQ(Ask("NDMP_MOVER_READ", {"Offset=0", "Length=" + kAll}), kOk);
     return posts.Wait([this] { return posts.dataHalt != 0; }) ? posts.dataHalt : 0;
@@ -438,32 +317,21 @@ class CAgents : public CClient {
   CNDMPCallbackRegistration* registration_ = nullptr;
 };
 
-// A server whose data root holds a small tree under /src (seven nodes).
+// A server whose data root holds the test tree under /src, with a 1 MB file
+// so that an image outgrows what a dropped connection's buffers take.
 struct CDataSim {
   explicit CDataSim(std::uint64_t capacity = 1ull << 30) {
-    for (const char* dir : {"/src", "/src/dir", "/src/dir/sub with space"}) {
-      ::mkdir(root.File(dir).c_str(), 0755);
-    }
-    const std::pair<const char*, std::size_t> sizes[] = {
-        {"/a.txt", 1000}, {"/empty", 0}, {"/dir/b.bin", 300000}, {"/dir/sub with space/c", 5000}};
-    unsigned int seed = 1;
-    for (const auto& [name, size] : sizes) {
-      files[name] = WriteRandomFile(root.Path() + "/src" + name, size, seed++);
-    }
-    CSimServerConfig config = CSimFixture::DefaultConfig();
-    config.dataRoot = root.Path();
-    config.tapeCapacity = capacity;
-    sim = std::make_unique<CSimFixture>(config);
+    BuildTestTree(root.File("src"), 100, false);
+    WriteRandomFile(root.File("src/z/1 MB"), 1 << 20, 1);
+    sim = std::make_unique<CSimFixture>(CSimFixture::DataConfig(root.Path(), capacity));
   }
-  unsigned int Port() const { return sim->Port(); }
   CTempDir root;
-  std::map<std::string, std::string> files;
   std::unique_ptr<CSimFixture> sim;
 };
 
 TEST(SimAgents, JoinedOverTcpTheyBackUpAndRestore) {
   CDataSim data;
-  CAgents agents(data.Port());
+  CAgents agents(data.sim->Port());
   ASSERT_EQ(agents.OpenTape("t"), kOk);
   agents.Join("NDMP_MOVER_MODE_READ", true);
   ASSERT_EQ(agents.Backup("dump"), kOk);
@@ -471,7 +339,8 @@ TEST(SimAgents, JoinedOverTcpTheyBackUpAndRestore) {
   EXPECT_EQ(agents.posts.dataHalt, DataHalt::NDMP_DATA_HALT_SUCCESSFUL);
   EXPECT_EQ(agents.posts.moverHalt, MoverHalt::NDMP_MOVER_HALT_CONNECTION_CLOSED);
   EXPECT_GE(agents.posts.logs, 2);
-  EXPECT_EQ(agents.posts.nodeCount, 7u);  // every node, the root's included
+  const auto tree = SnapshotTree(data.root.File("src"));
+  EXPECT_EQ(agents.posts.nodeCount, tree.size());  // every node, the root's included
   CNDMPDataGetEnvRequest getEnv;
   auto env = agents.Get<CNDMPDataGetEnvReply>(getEnv);
   ASSERT_TRUE(env && env->Environments.size() == 3);  // FILESYSTEM, HIST, TYPE
@@ -480,15 +349,13 @@ TEST(SimAgents, JoinedOverTcpTheyBackUpAndRestore) {
   auto mover = agents.Get<CNDMPMoverGetStateReply>(getMover);
   ASSERT_TRUE(mover);
   EXPECT_EQ(mover->BytesMoved.getUint64(), std::uint64_t{mover->RecordNum} * kRecord);
-  EXPECT_GT(mover->BytesMoved.getUint64(), 306000u);
+  EXPECT_GT(mover->BytesMoved.getUint64(), 100000u);
   agents.Idle();
 
   ASSERT_EQ(agents.Ask("NDMP_TAPE_MTIO", {"TapeOp=NDMP_MTIO_REW", "Count=1"}), kOk);
   agents.Join("NDMP_MOVER_MODE_WRITE", true);
   EXPECT_EQ(agents.RestoreAll("/copy"), DataHalt::NDMP_DATA_HALT_SUCCESSFUL);
-  for (const auto& [name, bytes] : data.files) {
-    EXPECT_EQ(ReadFile(data.root.Path() + "/copy" + name), bytes) << name;
-  }
+  EXPECT_EQ(SnapshotTree(data.root.File("copy")), tree);
   agents.Idle();
 }
 
@@ -496,7 +363,7 @@ TEST(SimAgents, EndOfMediumPauseEndsOnAnAbortOrADisconnect) {
   CDataSim data(64 * 1024);  // far less than the image, so the data agent must wait
   for (bool disconnect : {false, true}) {
     {
-      CAgents agents(data.Port());
+      CAgents agents(data.sim->Port());
       ASSERT_EQ(agents.OpenTape("t1"), kOk);
       agents.Join("NDMP_MOVER_MODE_READ");
       ASSERT_EQ(agents.Backup("tar"), kOk);
@@ -510,14 +377,14 @@ TEST(SimAgents, EndOfMediumPauseEndsOnAnAbortOrADisconnect) {
         agents.Idle();
       }
     }
-    CAgents next(data.Port());  // threads joined, tapes released
+    CAgents next(data.sim->Port());  // threads joined, tapes released
     EXPECT_EQ(next.OpenTape("t1"), kOk) << disconnect;
   }
 }
 
 TEST(SimAgents, DroppedDataConnectionsHaltTheAgents) {
   CDataSim data;
-  CAgents agents(data.Port());
+  CAgents agents(data.sim->Port());
   ASSERT_EQ(agents.OpenTape("t"), kOk);
   // A peer that sends 10000 bytes to the mover and goes: two padded records.
   ASSERT_EQ(agents.Ask("NDMP_MOVER_SET_RECORD_SIZE", {"RecordLength=8192"}), kOk);
@@ -561,7 +428,7 @@ TEST(SimAgents, DroppedDataConnectionsHaltTheAgents) {
 TEST(SimAgents, RequestsInTheWrongStateAreRefused) {
   CDataSim data;
   WriteRandomFile(data.root.File("plain-file"), 10, 1);
-  CAgents agents(data.Port());
+  CAgents agents(data.sim->Port());
   CNDMPConfigGetFsInfoRequest fsInfo;
   auto fs = agents.Get<CNDMPConfigGetFsInfoReply>(fsInfo);  // the data root's directories
   ASSERT_TRUE(fs && fs->FsInfoArray.size() == 1);

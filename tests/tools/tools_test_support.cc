@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -16,6 +17,8 @@
 #include <fstream>
 #include <random>
 #include <sstream>
+
+#include "tools/cli/message_builder.h"
 
 extern char** environ;
 
@@ -139,6 +142,13 @@ CSimServerConfig CSimFixture::DefaultConfig() {
   return config;
 }
 
+CSimServerConfig CSimFixture::DataConfig(const std::string& dataRoot, std::uint64_t tapeCapacity) {
+  CSimServerConfig config = DefaultConfig();
+  config.dataRoot = dataRoot;
+  config.tapeCapacity = tapeCapacity;
+  return config;
+}
+
 CSimFixture::CSimFixture(CSimServerConfig config) {
   config.tapeDir = tapes_.Path();
   server_.reset(new CNDMPSimServer(config, QuietLog()));
@@ -149,11 +159,86 @@ CSimFixture::CSimFixture(CSimServerConfig config) {
 CSimFixture::~CSimFixture() { server_->Stop(); }
 
 std::vector<std::string> CSimFixture::Target(bool withCredentials) const {
-  std::vector<std::string> args = {"-H", "127.0.0.1", "-p", std::to_string(Port())};
-  if (withCredentials) {
-    args.insert(args.end(), {"-u", "ndmp", "--password", "secret"});
+  const std::vector<std::string> args = {"-H", "127.0.0.1", "-p", std::to_string(Port())};
+  return withCredentials ? With(args, {"-u", "ndmp", "--password", "secret"}) : args;
+}
+
+bool CClient::Open(const char* user, const char* password, unsigned int version) {
+  CXDREnumBase<enums::CNDMPError> r =
+      version == 0 ? connection_.Connect()
+                   : connection_.Connect(CXDREnumBase<enums::CNDMPProtocolVersion>(version));
+  if (r != enums::CNDMPError::NDMP_NO_ERR) return false;
+  return user == nullptr || connection_.Authenticate(user, password) == enums::CNDMPError::NDMP_NO_ERR;
+}
+
+unsigned int CClient::Ask(CNDMPMessage& request) {
+  CNDMPMessage* reply = nullptr;
+  unsigned int error = connection_.SendMessage(request, &reply, 10).getInt32();
+  for (std::size_t i = 0; error == 0 && reply != nullptr && i < reply->GetMemberCount(); ++i) {
+    if (auto* e = dynamic_cast<CXDREnumBase<enums::CNDMPError>*>(reply->GetMember(i).member)) {
+      error = e->getInt32();
+      break;
+    }
   }
-  return args;
+  connection_.FreeMessage(reply);
+  return error;
+}
+
+unsigned int CClient::Ask(const std::string& message, const std::vector<std::string>& fields) {
+  std::uint32_t code = 0;
+  std::string error;
+  EXPECT_TRUE(FindMessageCode(message, &code, &error)) << error;
+  std::unique_ptr<CNDMPMessage> request = MakeRequest(code, connection_.GetProtocolVersion());
+  for (const std::string& field : fields) {
+    EXPECT_TRUE(ApplyAssignment(*request, field, &error)) << message << " " << error;
+  }
+  SettleVersion(*request, connection_.GetProtocolVersion());
+  return Ask(*request);
+}
+
+void BuildTestTree(const std::string& root, int files, bool big) {
+  const std::vector<std::string> dirs = {"",      "a", "a/b c", "a/b c/d\xC3\xA9j\xC3\xA0",
+                                         "z/" + kLongName, "z/" + kLongName + "/deep", "empty"};
+  for (const std::string& d : dirs) std::filesystem::create_directories(root + "/" + d);
+  for (int i = 0; i < files; ++i) {
+    const std::string path = root + "/" + dirs[i % (dirs.size() - 1)] + "/f" + std::to_string(i) +
+                             (i % 7 == 0 ? " with space \xE2\x9C\x93" : "") +
+                             (i % 13 == 0 ? kLongName : "");
+    std::ofstream(path) << std::string(i % 10 == 0 ? 0 : (i * 37) % 3000,
+                                       static_cast<char>('a' + i % 26));
+    ::chmod(path.c_str(), i % 3 == 0 ? 0600 : 0644);
+    const struct timespec times[2] = {{1600000000 + i, 0}, {1500000000 + i * 11, 0}};
+    ::utimensat(AT_FDCWD, path.c_str(), times, 0);
+  }
+  if (big) WriteRandomFile(root + "/a/big.bin", 20 << 20, 7);
+  WriteRandomFile(root + "/a/" + std::string(100, 'n'), 513, 5);  // the longest plain tar name
+  std::filesystem::create_symlink("b c/f1", root + "/a/link");
+  std::filesystem::create_symlink("b c", root + "/a/dir link");
+  std::filesystem::create_symlink("../dangling", root + "/z/dead link");
+  const struct timespec dirTimes[2] = {{1300000000, 0}, {1200000000, 0}};
+  ::chmod((root + "/a/b c").c_str(), 0700);
+  ::utimensat(AT_FDCWD, (root + "/a/b c").c_str(), dirTimes, 0);
+}
+
+std::map<std::string, std::string> SnapshotTree(const std::string& root) {
+  std::map<std::string, std::string> tree;
+  auto add = [&](const std::string& path) {
+    struct stat st {};
+    ::lstat(path.c_str(), &st);
+    std::ostringstream line;
+    line << (S_ISDIR(st.st_mode) ? 'd' : S_ISLNK(st.st_mode) ? 'l' : S_ISREG(st.st_mode) ? 'f' : '?')
+         << ' ' << std::oct << (st.st_mode & 07777) << std::dec << ' ';
+    if (S_ISLNK(st.st_mode)) {
+      line << std::filesystem::read_symlink(path).string();
+    } else {
+      line << st.st_mtim.tv_sec << '.' << st.st_mtim.tv_nsec;
+    }
+    if (S_ISREG(st.st_mode)) line << ' ' << st.st_size << ' ' << std::hash<std::string>()(ReadFile(path));
+    tree[path.size() == root.size() ? "/" : path.substr(root.size())] = line.str();
+  };
+  add(root);
+  for (const auto& e : std::filesystem::recursive_directory_iterator(root)) add(e.path().string());
+  return tree;
 }
 
 namespace {
@@ -187,6 +272,11 @@ pid_t Spawn(const std::vector<std::string>& args, int outPipe[2], int errPipe[2]
 }
 
 }  // namespace
+
+std::vector<std::string> With(std::vector<std::string> base, const std::vector<std::string>& more) {
+  base.insert(base.end(), more.begin(), more.end());
+  return base;
+}
 
 CRunResult RunNdmpc(const std::vector<std::string>& args, int timeoutSeconds) {
   CBackgroundNdmpc run(args);

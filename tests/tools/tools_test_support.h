@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "ndmpc/foundation/vx_log.h"
+#include "ndmpc/ndmp/connection/connection.h"
 #include "tools/simulator/sim_server.h"
 
 namespace com::vx::korvane::ndmpc::tools::testing {
@@ -38,6 +39,9 @@ class CSimFixture {
   explicit CSimFixture(CSimServerConfig config = DefaultConfig());
   ~CSimFixture();
   static CSimServerConfig DefaultConfig();
+  // The default, with a data agent serving `dataRoot` and tapes of `tapeCapacity` bytes.
+  static CSimServerConfig DataConfig(const std::string& dataRoot,
+                                     std::uint64_t tapeCapacity = 1ull << 30);
 
   unsigned int Port() const { return server_->Port(); }
   CNDMPSimServer& Server() { return *server_; }
@@ -50,11 +54,54 @@ class CSimFixture {
   std::unique_ptr<CNDMPSimServer> server_;
 };
 
+// A library client of a server on 127.0.0.1.
+class CClient {
+ public:
+  explicit CClient(unsigned int port) : connection_("127.0.0.1", "127.0.0.1", QuietLog(), port) {}
+  ~CClient() { connection_.Disconnect(); }
+  // Connects (at `version`, or the best one when 0) and, unless `user` is
+  // null, authenticates; false when either fails.
+  bool Open(const char* user = "ndmp", const char* password = "secret", unsigned int version = 0);
+  CNDMPConnection* operator->() { return &connection_; }
+  CNDMPConnection* get() { return &connection_; }
+  // The error of a request: the header's, else the reply's first error field.
+  unsigned int Ask(CNDMPMessage& request);
+  // A request built from text as `ndmpc send` builds it; its error.
+  unsigned int Ask(const std::string& message, const std::vector<std::string>& fields = {});
+  // The reply as class R; null when none came or it is of another class.
+  template <class R>
+  std::shared_ptr<R> Get(CNDMPMessage& request) {
+    CNDMPMessage* reply = nullptr;
+    if (connection_.SendMessage(request, &reply, 10) != enums::CNDMPError::NDMP_NO_ERR) return nullptr;
+    CNDMPConnection* connection = &connection_;
+    return std::shared_ptr<R>(dynamic_cast<R*>(reply),
+                              [connection, reply](R*) { connection->FreeMessage(reply); });
+  }
+
+ private:
+  CNDMPConnection connection_;
+};
+
+// Writes a test tree under `root`: `files` small files (every tenth empty)
+// in nested directories, an empty directory, a 20 MB file when `big`, long,
+// spaced and non-ASCII names, and symbolic links (to a file, to a directory,
+// dangling); mtimes and modes of files and of one directory vary.
+// The long name is kLongName.
+void BuildTestTree(const std::string& root, int files, bool big);
+inline const std::string kLongName(120, 'L');
+
+// Path below `root` ("/" for the root itself) -> "f MODE MTIME SIZE HASH"
+// for files, "d MODE MTIME" for directories, "l MODE TARGET" for links.
+std::map<std::string, std::string> SnapshotTree(const std::string& root);
+
 struct CRunResult {
   int status = -1;  // exit status, or -1 when killed
   std::string out;
   std::string err;
 };
+
+// `base` followed by `more`, for building command lines: With(sim.Target(), {"info"}).
+std::vector<std::string> With(std::vector<std::string> base, const std::vector<std::string>& more);
 
 // Runs the built ndmpc with `args`, without NDMP_* variables in its
 // environment, killing it after `timeoutSeconds`.

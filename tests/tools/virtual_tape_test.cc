@@ -71,7 +71,8 @@ TEST(VirtualTape, SpacesWithResidualCounts) {
   }
 }
 
-TEST(VirtualTape, WritingInTheMiddleDiscardsTheRestAndPersists) {
+// Capacity and the end of medium are checked through the simulator's tape agent.
+TEST(VirtualTape, WritingInTheMiddleOrAfterATornEntryDiscardsTheRestAndPersists) {
   CTempDir dir;
   {
     auto tape = MakeTape(dir.File("t"));
@@ -92,39 +93,29 @@ TEST(VirtualTape, WritingInTheMiddleDiscardsTheRestAndPersists) {
   ASSERT_EQ(reopened->ReadRecord(100, &data), Status::kOk);
   EXPECT_EQ(data, (std::vector<unsigned char>{1, 2, 3}));
   EXPECT_EQ(reopened->ReadRecord(100, &data), Status::kEndOfData);
-}
 
-TEST(VirtualTape, TornLastEntryIsDroppedAndOverwritten) {
-  CTempDir dir;
-  MakeTape(dir.File("t"));
+  // A torn last entry is dropped and overwritten; other files are no tapes.
+  MakeTape(dir.File("torn"));
+  WriteRandomFile(dir.File("junk"), 100, 3);
+  EXPECT_FALSE(CVirtualTape::Open(dir.File("junk"), false, 100, &error));
+  EXPECT_FALSE(CVirtualTape::LooksLikeTape(dir.File("junk")));
+  EXPECT_TRUE(CVirtualTape::LooksLikeTape(dir.File("torn")));
   struct stat info {};
-  ASSERT_EQ(::stat(dir.File("t").c_str(), &info), 0);
+  ASSERT_EQ(::stat(dir.File("torn").c_str(), &info), 0);
   // Cut into the last record's data: the filemark after it goes too.
-  ASSERT_EQ(::truncate(dir.File("t").c_str(), info.st_size - 8 - 5), 0);
-  std::string error;
-  auto tape = CVirtualTape::Open(dir.File("t"), false, 1 << 20, &error);
+  ASSERT_EQ(::truncate(dir.File("torn").c_str(), info.st_size - 8 - 5), 0);
+  auto tape = CVirtualTape::Open(dir.File("torn"), false, 1 << 20, &error);
   ASSERT_TRUE(tape) << error;
   EXPECT_EQ(tape->EntryCount(), 3u);
   std::uint32_t resid = 0;
   EXPECT_EQ(tape->SpaceFilemarks(true, 1, &resid), Status::kOk);
-  const unsigned char data[7] = {9, 9, 9, 9, 9, 9, 9};
-  ASSERT_EQ(tape->WriteRecord(data, 7), Status::kOk);
+  const unsigned char nines[7] = {9, 9, 9, 9, 9, 9, 9};
+  ASSERT_EQ(tape->WriteRecord(nines, 7), Status::kOk);
   tape.reset();
-  tape = CVirtualTape::Open(dir.File("t"), false, 1 << 20, &error);
+  tape = CVirtualTape::Open(dir.File("torn"), false, 1 << 20, &error);
   ASSERT_TRUE(tape) << error;
   EXPECT_EQ(tape->EntryCount(), 4u);
   EXPECT_EQ(tape->DataBytes(), 37u);
-}
-
-// Capacity and the end of medium are checked through the simulator's tape agent.
-TEST(VirtualTape, RefusesFilesThatAreNotTapes) {
-  CTempDir dir;
-  WriteRandomFile(dir.File("junk"), 100, 3);
-  std::string error;
-  EXPECT_FALSE(CVirtualTape::Open(dir.File("junk"), false, 100, &error));
-  EXPECT_FALSE(CVirtualTape::LooksLikeTape(dir.File("junk")));
-  MakeTape(dir.File("tape"));
-  EXPECT_TRUE(CVirtualTape::LooksLikeTape(dir.File("tape")));
 }
 
 }  // namespace

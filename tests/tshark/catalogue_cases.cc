@@ -13,6 +13,7 @@
 
 #include "ndmpc/ndmp/messages/message_access.h"
 #include "tests/support/message_filler.h"
+#include "tests/support/wire_support.h"
 #include "tests/tshark/tshark_cases.h"
 
 namespace com::vx::korvane::ndmpc::testing {
@@ -155,11 +156,6 @@ const CFieldName* FieldOf(const std::string& code, const std::string& path) {
   return nullptr;
 }
 
-std::vector<unsigned char> Bytes(const void* data, std::size_t size) {
-  const auto* p = static_cast<const unsigned char*>(data);
-  return std::vector<unsigned char>(p, p + size);
-}
-
 // Appends what tshark must show for `value` (at `path`) to `fields`.
 void Expect(CIXDR& value, const std::string& code, const std::string& path,
             std::vector<CExpectedField>& fields, std::vector<std::string>& unnamed) {
@@ -187,16 +183,13 @@ void Expect(CIXDR& value, const std::string& code, const std::string& path,
   } else if (auto* text = dynamic_cast<CXDRString*>(&value)) {
     fields.push_back(Str(name->field, text->GetString()));
   } else if (auto* opaque = dynamic_cast<CXDROpaque*>(&value)) {
-    fields.push_back(Raw(name->field, Bytes(opaque->GetData(), opaque->GetSize())));
+    fields.push_back(Raw(name->field, OpaqueBytes(*opaque)));
   } else if (auto* word = dynamic_cast<CXDRULong*>(&value)) {
     const std::uint32_t v = word->getInt32();
     if (name->shown == EShown::kIp) {
       fields.push_back(Ip(name->field, v));
     } else if (name->shown == EShown::kWord) {
-      fields.push_back(Raw(name->field, {static_cast<unsigned char>(v >> 24),
-                                         static_cast<unsigned char>(v >> 16),
-                                         static_cast<unsigned char>(v >> 8),
-                                         static_cast<unsigned char>(v)}));
+      fields.push_back(Raw(name->field, Words({v})));
     } else {
       fields.push_back(Num(name->field, v));
     }

@@ -5,8 +5,7 @@
 namespace com::vx::korvane::ndmpc::testing {
 namespace {
 
-constexpr std::uint32_t kLinkTypeEthernet = 1;
-constexpr std::size_t kEthernetHeader = 14;
+constexpr std::uint32_t kLinkTypeRawIp = 101;
 constexpr std::size_t kIpHeader = 20;
 constexpr std::size_t kTcpHeader = 20;
 constexpr std::uint8_t kFin = 0x01;
@@ -21,21 +20,6 @@ void Put(std::vector<unsigned char>& out, int bytes, bool bigEndian, std::uint32
     out.push_back(static_cast<unsigned char>(v >> (8 * (bigEndian ? bytes - 1 - i : i))));
   }
 }
-void SetBe16(std::vector<unsigned char>& out, std::size_t at, std::uint16_t v) {
-  out[at] = static_cast<unsigned char>(v >> 8);
-  out[at + 1] = static_cast<unsigned char>(v);
-}
-
-// Internet checksum (RFC 1071) over `length` bytes at `at`, starting from `sum`.
-std::uint16_t Checksum(const std::vector<unsigned char>& data, std::size_t at, std::size_t length,
-                       std::uint32_t sum = 0) {
-  for (std::size_t i = 0; i + 1 < length; i += 2) {
-    sum += (static_cast<std::uint32_t>(data[at + i]) << 8) | data[at + i + 1];
-  }
-  if (length % 2 != 0) sum += static_cast<std::uint32_t>(data[at + length - 1]) << 8;
-  while ((sum >> 16) != 0) sum = (sum & 0xFFFFu) + (sum >> 16);
-  return static_cast<std::uint16_t>(~sum & 0xFFFFu);
-}
 
 }  // namespace
 
@@ -46,7 +30,7 @@ CPcapWriter::CPcapWriter() {
   Put(bytes_, 4, false, 0);       // time zone
   Put(bytes_, 4, false, 0);       // accuracy
   Put(bytes_, 4, false, 262144);  // snap length
-  Put(bytes_, 4, false, kLinkTypeEthernet);
+  Put(bytes_, 4, false, kLinkTypeRawIp);
 }
 
 std::size_t CPcapWriter::AddFrame(std::uint32_t seconds, std::uint32_t micros,
@@ -100,34 +84,20 @@ std::size_t CTcpConversation::Segment(bool fromClient, std::uint8_t flags,
   // view of the server sequence is meaningless, so a bare SYN acknowledges 0.
   const std::uint32_t ackNumber = ack ? to.nextSeq : 0;
 
+  // IPv4 and TCP headers without checksums (the decoder does not check them
+  // by default).
   std::vector<unsigned char> frame;
-  frame.reserve(kEthernetHeader + kIpHeader + kTcpHeader + payload.size());
-  // Ethernet II: locally administered addresses that tell the sides apart.
-  const unsigned char clientMac[6] = {0x02, 0, 0, 0, 0, 0x01};
-  const unsigned char serverMac[6] = {0x02, 0, 0, 0, 0, 0x02};
-  const unsigned char* dstMac = fromClient ? serverMac : clientMac;
-  const unsigned char* srcMac = fromClient ? clientMac : serverMac;
-  frame.insert(frame.end(), dstMac, dstMac + 6);
-  frame.insert(frame.end(), srcMac, srcMac + 6);
-  Put(frame, 2, true, 0x0800);
-
-  // IPv4 header.
-  const std::size_t ipAt = frame.size();
-  const auto totalLength = static_cast<std::uint16_t>(kIpHeader + kTcpHeader + payload.size());
+  frame.reserve(kIpHeader + kTcpHeader + payload.size());
   frame.push_back(0x45);
   frame.push_back(0);
-  Put(frame, 2, true, totalLength);
+  Put(frame, 2, true, static_cast<std::uint16_t>(kIpHeader + kTcpHeader + payload.size()));
   Put(frame, 2, true, static_cast<std::uint16_t>(pcap_.FrameCount() + 1));  // identification
   Put(frame, 2, true, 0x4000);                                              // don't fragment
-  frame.push_back(64);                                                 // TTL
-  frame.push_back(6);                                                  // TCP
-  Put(frame, 2, true, 0);                                                   // checksum, below
+  frame.push_back(64);                                                      // TTL
+  frame.push_back(6);                                                       // TCP
+  Put(frame, 2, true, 0);  // header checksum
   Put(frame, 4, true, from.ip);
   Put(frame, 4, true, to.ip);
-  SetBe16(frame, ipAt + 10, Checksum(frame, ipAt, kIpHeader));
-
-  // TCP header.
-  const std::size_t tcpAt = frame.size();
   Put(frame, 2, true, from.port);
   Put(frame, 2, true, to.port);
   Put(frame, 4, true, from.nextSeq);
@@ -135,15 +105,8 @@ std::size_t CTcpConversation::Segment(bool fromClient, std::uint8_t flags,
   frame.push_back(static_cast<unsigned char>((kTcpHeader / 4) << 4));
   frame.push_back(flags);
   Put(frame, 2, true, 65535);  // window
-  Put(frame, 2, true, 0);      // checksum, below
-  Put(frame, 2, true, 0);      // urgent pointer
+  Put(frame, 4, true, 0);      // checksum and urgent pointer
   frame.insert(frame.end(), payload.begin(), payload.end());
-
-  // TCP checksum over the pseudo header, the header and the payload.
-  const std::size_t tcpLength = kTcpHeader + payload.size();
-  std::uint32_t pseudo = (from.ip >> 16) + (from.ip & 0xFFFFu) + (to.ip >> 16) +
-                         (to.ip & 0xFFFFu) + 6u + static_cast<std::uint32_t>(tcpLength);
-  SetBe16(frame, tcpAt + 16, Checksum(frame, tcpAt, tcpLength, pseudo));
 
   from.nextSeq += static_cast<std::uint32_t>(payload.size());
   if ((flags & (kSyn | kFin)) != 0) from.nextSeq += 1;  // SYN and FIN take one number each

@@ -8,9 +8,9 @@
 //   conv.Close();                                 // FIN, FIN, ACK
 //   pcap.WriteFile("/tmp/x.pcap");
 //
-// Frames are Ethernet II / IPv4 / TCP with correct lengths and checksums;
-// each direction keeps its own sequence number and acknowledges everything
-// the other side sent so far.
+// Frames are raw IPv4 / TCP with correct lengths and no checksums; each
+// direction keeps its own sequence number and acknowledges everything the
+// other side sent so far.
 #pragma once
 
 #include <cstddef>
@@ -29,7 +29,7 @@ class CPcapWriter {
   std::size_t AddFrame(std::uint32_t seconds, std::uint32_t micros,
                        const std::vector<unsigned char>& frame);
   std::size_t FrameCount() const { return frames_; }
-  // The whole file: global header (LINKTYPE_ETHERNET) and every record.
+  // The whole file: global header (LINKTYPE_RAW) and every record.
   const std::vector<unsigned char>& Bytes() const { return bytes_; }
   // Writes the file; false on failure.
   bool WriteFile(const std::string& path) const;

@@ -5,9 +5,8 @@
 #include "ndmpc/ndmp/messages/message_access.h"
 
 namespace com::vx::korvane::ndmpc::testing {
-namespace {
 
-std::string HexOf(const std::vector<unsigned char>& bytes) {
+std::string HexOf(const std::string& bytes) {
   std::string hex;
   char buffer[3];
   for (unsigned char b : bytes) {
@@ -16,8 +15,6 @@ std::string HexOf(const std::vector<unsigned char>& bytes) {
   }
   return hex;
 }
-
-}  // namespace
 
 CExpectedField Num(const char* field, std::uint64_t value) {
   return {field, CExpectedField::kNumber, std::to_string(value)};
@@ -34,7 +31,7 @@ CExpectedField Ip(const char* field, std::uint32_t address) {
 }
 
 CExpectedField Raw(const char* field, const std::vector<unsigned char>& bytes) {
-  return {field, CExpectedField::kBytes, HexOf(bytes)};
+  return {field, CExpectedField::kBytes, HexOf(std::string(bytes.begin(), bytes.end()))};
 }
 
 std::vector<unsigned char> Pattern(std::size_t length, unsigned char first) {

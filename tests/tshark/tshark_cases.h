@@ -76,17 +76,13 @@ class CCaseList {
   template <class T, class Fill>
   CTsharkCase& Add(const char* family, unsigned version, Fill fill,
                    std::vector<CExpectedField> fields, const std::string& suffix = "") {
-    CTsharkCase c;
-    c.family = family;
-    c.version = version;
-    c.make = [version, fill]() -> std::unique_ptr<CNDMPMessage> {
+    auto make = [version, fill]() -> std::unique_ptr<CNDMPMessage> {
       auto m = std::make_unique<T>();
       m->SetProtocolVersion(CXDREnumBase<enums::CNDMPProtocolVersion>(version));
       fill(*m);
       return m;
     };
-    c.fields = std::move(fields);
-    return Push(std::move(c), suffix);
+    return AddMade(family, version, make, std::move(fields), suffix);
   }
   // A case for the body `make` returns, already at `version`.
   CTsharkCase& AddMade(const char* family, unsigned version,
@@ -119,7 +115,8 @@ const std::vector<std::string>& MembersWithoutTsharkField();
 // Every case, built once.
 const std::vector<CTsharkCase>& AllTsharkCases();
 
-// Helpers for filling bodies.
+// Helpers for filling bodies, and lower-case hex as tshark shows bytes.
 std::vector<unsigned char> Pattern(std::size_t length, unsigned char first);
+std::string HexOf(const std::string& bytes);
 
 }  // namespace com::vx::korvane::ndmpc::testing

@@ -1,6 +1,5 @@
 #include "tests/tshark/tshark_runner.h"
 
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -8,6 +7,8 @@
 #include <fstream>
 #include <sstream>
 #include <utility>
+
+#include "tests/support/ndmjob_server.h"
 
 namespace com::vx::korvane::ndmpc::testing {
 namespace {
@@ -92,19 +93,7 @@ std::vector<CTsharkProblem> ProblemsOf(const CPdmlPacket& packet) {
   return problems;
 }
 
-std::string FindTshark() {
-  const char* path = std::getenv("PATH");
-  std::stringstream dirs(path != nullptr ? path : "/usr/local/bin:/usr/bin:/bin");
-  for (std::string dir; std::getline(dirs, dir, ':');) {
-    const std::string candidate = dir + "/tshark";
-    struct stat st {};
-    if (!dir.empty() && ::stat(candidate.c_str(), &st) == 0 && S_ISREG(st.st_mode) &&
-        ::access(candidate.c_str(), X_OK) == 0) {
-      return candidate;
-    }
-  }
-  return std::string();
-}
+std::string FindTshark() { return FindExecutable("tshark"); }
 
 bool RunTshark(const std::string& program, const std::vector<std::string>& args,
                const std::string& outPath, std::string* error, int timeoutSeconds) {

@@ -13,36 +13,28 @@ using enums::CNDMPError;
 using enums::CNDMPMessageCode;
 using testing::CServingPeer;
 
-TEST(ScsiHelper, ArgumentErrorsSendNothing) {
+// Argument errors send nothing: the open is the first request the server
+// sees, and its error comes back after that one request.
+TEST(ScsiHelper, ArgumentErrorsSendNothingAndTheServersErrorComesBack) {
   CServingPeer peer([](CServingPeer::Request& r) {
-    CNDMPScsiCloseReply reply;
-    r.Reply(reply);
+    CNDMPScsiOpenReply open;
+    CNDMPScsiCloseReply close;
+    open.NDMP_Error = CNDMPError::NDMP_DEVICE_OPENED_ERR;
+    r.Reply(r.Code() == CNDMPMessageCode::NDMP_SCSI_OPEN ? static_cast<CNDMPMessage&>(open) : close);
   });
   ASSERT_TRUE(peer.ok());
   EXPECT_EQ(CNDMPScsiHelper::SCSIOpen(&peer.client(), nullptr), CNDMPError::NDMP_ILLEGAL_ARGS_ERR);
   EXPECT_EQ(CNDMPScsiHelper::SCSIOpen(nullptr, "/dev/sg0"), CNDMPError::NDMP_ILLEGAL_ARGS_ERR);
   EXPECT_EQ(CNDMPScsiHelper::SCSIClose(nullptr), CNDMPError::NDMP_ILLEGAL_ARGS_ERR);
-  // The close is the first request the server sees: nothing went before it.
-  EXPECT_EQ(CNDMPScsiHelper::SCSIClose(&peer.client()), CNDMPError::NDMP_NO_ERR);
-  std::vector<CServingPeer::Seen> seen = peer.Requests();
-  ASSERT_EQ(seen.size(), 1u);
-  EXPECT_EQ(seen[0].code, CNDMPMessageCode::NDMP_SCSI_CLOSE);
-}
-
-TEST(ScsiHelper, OpenReturnsServerErrorAfterOneRequest) {
-  CServingPeer peer([](CServingPeer::Request& r) {
-    CNDMPScsiOpenReply reply;
-    reply.NDMP_Error = CNDMPError::NDMP_DEVICE_OPENED_ERR;
-    r.Reply(reply);
-  });
-  ASSERT_TRUE(peer.ok());
   EXPECT_EQ(CNDMPScsiHelper::SCSIOpen(&peer.client(), "/dev/sg3"),
             CNDMPError::NDMP_DEVICE_OPENED_ERR);
+  EXPECT_EQ(CNDMPScsiHelper::SCSIClose(&peer.client()), CNDMPError::NDMP_NO_ERR);
   std::vector<CServingPeer::Seen> seen = peer.Requests();
-  ASSERT_EQ(seen.size(), 1u);
+  ASSERT_EQ(seen.size(), 2u);
   auto* open = CServingPeer::Body<CNDMPScsiOpenRequest>(seen[0]);
   ASSERT_NE(open, nullptr);
   EXPECT_EQ(open->Device.GetString(), "/dev/sg3");
+  EXPECT_EQ(seen[1].code, CNDMPMessageCode::NDMP_SCSI_CLOSE);
 }
 
 TEST(ScsiHelper, HeaderOnlyErrorAndLostConnectionArePassedOn) {

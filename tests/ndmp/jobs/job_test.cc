@@ -3,20 +3,14 @@
 // abort, a vanishing data agent and tapes that run full.
 #include "ndmpc/ndmp/jobs/job.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <future>
 #include <map>
 #include <set>
-#include <sstream>
-#include <thread>
 
 #include "ndmpc/ndmp/messages/data_mover_messages.h"
 #include "tests/support/ndmjob_server.h"
@@ -27,49 +21,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using Outcome = CNDMPJobOutcome;
-
-// Writes the test tree under `root`: `files` small files (every tenth empty)
-// in nested directories, a 20 MB file, long, spaced and non-ASCII names, and
-// symbolic links; mtimes and modes vary.
-void BuildTree(const std::string& root, int files, bool big) {
-  const std::string longName(120, 'L');
-  const std::vector<std::string> dirs = {
-      "", "a", "a/b c", "a/b c/d\xC3\xA9j\xC3\xA0", "z/" + longName, "z/" + longName + "/deep"};
-  for (const std::string& d : dirs) fs::create_directories(root + "/" + d);
-  for (int i = 0; i < files; ++i) {
-    const std::string path = root + "/" + dirs[i % dirs.size()] + "/f" + std::to_string(i) +
-                             (i % 7 == 0 ? " with space \xE2\x9C\x93" : "") +
-                             (i % 13 == 0 ? longName : "");
-    std::ofstream(path) << std::string(i % 10 == 0 ? 0 : (i * 37) % 3000,
-                                       static_cast<char>('a' + i % 26));
-    ::chmod(path.c_str(), i % 3 == 0 ? 0600 : 0644);
-    const struct timespec times[2] = {{1600000000 + i, 0}, {1500000000 + i * 11, 0}};
-    ::utimensat(AT_FDCWD, path.c_str(), times, 0);
-  }
-  if (big) WriteRandomFile(root + "/a/big.bin", 20 << 20, 7);
-  fs::create_symlink("b c/f1", root + "/a/link");
-  fs::create_symlink("../dangling", root + "/z/dead link");
-}
-
-// Path -> "type mode mtime size content" (link target for links).
-std::map<std::string, std::string> Snapshot(const std::string& root) {
-  std::map<std::string, std::string> tree;
-  for (auto it = fs::recursive_directory_iterator(root); it != fs::recursive_directory_iterator();
-       ++it) {
-    struct stat st {};
-    ::lstat(it->path().c_str(), &st);
-    std::ostringstream line;
-    line << (st.st_mode & S_IFMT) << ' ' << (st.st_mode & 07777) << ' ';
-    if (S_ISLNK(st.st_mode)) {
-      line << fs::read_symlink(it->path()).string();
-    } else if (S_ISREG(st.st_mode)) {
-      line << st.st_mtime << ' ' << st.st_size << ' '
-           << std::hash<std::string>()(ReadFile(it->path()));
-    }
-    tree["/" + fs::relative(it->path(), root).string()] = line.str();
-  }
-  return tree;
-}
 
 // Keeps the file history: path-based entries by path, node-based ones
 // joined into paths at the end.
@@ -116,26 +67,6 @@ struct CObserver : CINDMPJobObserver {
   }
 };
 
-class CClient {
- public:
-  CClient(unsigned int port, unsigned int version = 0, const char* password = "secret")
-      : connection("127.0.0.1", "127.0.0.1", QuietLog(), port) {
-    EXPECT_EQ(version == 0 ? connection.Connect()
-                           : connection.Connect(CXDREnumBase<enums::CNDMPProtocolVersion>(version)),
-              enums::CNDMPError::NDMP_NO_ERR);
-    EXPECT_EQ(connection.Authenticate("ndmp", password), enums::CNDMPError::NDMP_NO_ERR);
-  }
-  ~CClient() { connection.Disconnect(); }
-  CNDMPConnection connection;
-};
-
-CSimServerConfig DataConfig(const std::string& root, std::uint64_t capacity = 1ull << 30) {
-  CSimServerConfig config = CSimFixture::DefaultConfig();
-  config.dataRoot = root;
-  config.tapeCapacity = capacity;
-  return config;
-}
-
 CNDMPJobSettings Settings(CNDMPConnection& data, CNDMPConnection& tape, const std::string& device,
                           const std::string& type = "tar") {
   CNDMPJobSettings s;
@@ -157,11 +88,12 @@ class TwoWayJob : public ::testing::TestWithParam<std::pair<unsigned int, const 
 TEST_P(TwoWayJob, BacksUpRestoresWholeAndSelectedFilesWithExactHistory) {
   const auto [version, type] = GetParam();
   CTempDir root;
-  BuildTree(root.File("src"), 2500, true);
-  CSimFixture sim(DataConfig(root.Path()));
-  CClient client(sim.Port(), version);
+  BuildTestTree(root.File("src"), 2500, true);
+  CSimFixture sim(CSimFixture::DataConfig(root.Path()));
+  CClient client(sim.Port());
+  ASSERT_TRUE(client.Open("ndmp", "secret", version));
   CHistory history;
-  CNDMPJobSettings s = Settings(client.connection, client.connection, "t1", type);
+  CNDMPJobSettings s = Settings(*client.get(), *client.get(), "t1", type);
   s.history = &history;
   const CNDMPJobResult backup = CNDMPBackupJob(s).Run();
   ASSERT_EQ(backup.outcome, Outcome::kSucceeded) << backup.error;
@@ -173,10 +105,12 @@ TEST_P(TwoWayJob, BacksUpRestoresWholeAndSelectedFilesWithExactHistory) {
                       std::make_pair(std::string("FILESYSTEM"), std::string("/src"))),
             backup.environment.end());
 
-  const auto tree = Snapshot(root.File("src"));
+  const auto tree = SnapshotTree(root.File("src"));
   auto described = history.Paths();
   std::set<std::string> inTree, inHistory;
-  for (const auto& entry : tree) inTree.insert(entry.first);
+  for (const auto& entry : tree) {
+    if (entry.first != "/") inTree.insert(entry.first);
+  }
   for (const auto& entry : described) inHistory.insert(entry.first);
   EXPECT_EQ(inHistory, inTree);
   EXPECT_EQ(backup.historyEntries,
@@ -186,13 +120,11 @@ TEST_P(TwoWayJob, BacksUpRestoresWholeAndSelectedFilesWithExactHistory) {
   s.history = nullptr;
   const CNDMPJobResult whole = Restore(s, {{"/", "/dst"}});
   ASSERT_EQ(whole.outcome, Outcome::kSucceeded) << whole.error;
-  EXPECT_EQ(Snapshot(root.File("dst")), tree);
+  EXPECT_EQ(SnapshotTree(root.File("dst")), tree);
 
   // The image on tape is a tar archive GNU tar lists entry for entry.
   const std::string image = root.File("image.tar");
-  std::vector<std::string> read = sim.Target();
-  read.insert(read.end(), {"tape", "read", "t1", image});
-  ASSERT_EQ(RunNdmpc(read).status, 0);
+  ASSERT_EQ(RunNdmpc(With(sim.Target(), {"tape", "read", "t1", image})).status, 0);
   FILE* tar = ::popen(("tar -tf '" + image + "' 2>&1").c_str(), "r");
   std::set<std::string> listed;
   for (char line[8192]; tar != nullptr && std::fgets(line, sizeof line, tar) != nullptr;) {
@@ -211,7 +143,7 @@ TEST_P(TwoWayJob, BacksUpRestoresWholeAndSelectedFilesWithExactHistory) {
   // in the image.
   const std::string dir = "/a/b c/d\xC3\xA9j\xC3\xA0";
   const std::vector<std::string> chosen = {"/f6", "/a/b c/f2",
-                                           "/z/" + std::string(120, 'L') + "/deep/f5", dir};
+                                           "/z/" + kLongName + "/deep/f5", dir};
   std::vector<CNDMPRestoreItem> items;
   for (const std::string& path : chosen) {
     ASSERT_EQ(described.count(path), 1u) << path;
@@ -221,10 +153,10 @@ TEST_P(TwoWayJob, BacksUpRestoresWholeAndSelectedFilesWithExactHistory) {
   const CNDMPJobResult some = Restore(s, items);
   EXPECT_EQ(some.outcome, Outcome::kFailed);
   EXPECT_EQ(some.notFound, std::vector<std::string>{"/not/there"}) << some.error;
-  EXPECT_EQ(Snapshot(root.File("sel") + dir), Snapshot(root.File("src") + dir));
+  EXPECT_EQ(SnapshotTree(root.File("sel") + dir), SnapshotTree(root.File("src") + dir));
   std::map<std::string, std::string> files, wanted;  // outside the directory
-  for (const auto& [path, line] : Snapshot(root.File("sel"))) {
-    if (line.rfind(std::to_string(S_IFREG) + " ", 0) == 0 && path.rfind(dir, 0) != 0)
+  for (const auto& [path, line] : SnapshotTree(root.File("sel"))) {
+    if (line[0] == 'f' && path.rfind(dir, 0) != 0)
       files[path] = line;
   }
   for (std::size_t i = 0; i + 1 < chosen.size(); ++i) wanted[chosen[i]] = tree.at(chosen[i]);
@@ -243,18 +175,18 @@ TEST_P(ThreeWayJob, NdmjobMoverWritesAndReadsTheImage) {
   ndmpc::testing::CNdmjobServer ndmjob;
   ASSERT_TRUE(ndmjob.Start()) << ndmjob.error();
   CTempDir root;
-  BuildTree(root.File("src"), 300, false);
-  CSimFixture sim(DataConfig(root.Path()));
-  CClient data(sim.Port());
-  CClient tape(ndmjob.port(), GetParam(), ndmpc::testing::CNdmjobServer::kPassword);
+  BuildTestTree(root.File("src"), 300, false);
+  CSimFixture sim(CSimFixture::DataConfig(root.Path()));
+  CClient data(sim.Port()), tape(ndmjob.port());
+  ASSERT_TRUE(data.Open() && tape.Open("ndmp", ndmpc::testing::CNdmjobServer::kPassword, GetParam()));
   const std::string device = ndmjob.NewTape("tape0");
-  CNDMPJobSettings s = Settings(data.connection, tape.connection, device);
+  CNDMPJobSettings s = Settings(*data.get(), *tape.get(), device);
   const CNDMPJobResult backup = CNDMPBackupJob(s).Run();
   ASSERT_EQ(backup.outcome, Outcome::kSucceeded) << backup.error << "\n" << ndmjob.Log();
   s.environment = backup.environment;
   const CNDMPJobResult restore = Restore(s, {{"/", "/dst"}});
   ASSERT_EQ(restore.outcome, Outcome::kSucceeded) << restore.error << "\n" << ndmjob.Log();
-  EXPECT_EQ(Snapshot(root.File("dst")), Snapshot(root.File("src")));
+  EXPECT_EQ(SnapshotTree(root.File("dst")), SnapshotTree(root.File("src")));
 }
 
 INSTANTIATE_TEST_SUITE_P(Versions, ThreeWayJob, ::testing::Values(3u, 4u));
@@ -286,10 +218,11 @@ struct CRunningBackup {
 TEST(JobEnd, AbortHaltsBothAgentsAndALostDataAgentEndsTheJobQuickly) {
   CTempDir root;
   BuildLongBackup(root.Path());
-  CSimFixture sim(DataConfig(root.Path(), 8ull << 30));
+  CSimFixture sim(CSimFixture::DataConfig(root.Path(), 8ull << 30));
   {
     CClient client(sim.Port());
-    CRunningBackup backup(client.connection, client.connection, "t1");
+    ASSERT_TRUE(client.Open());
+    CRunningBackup backup(*client.get(), *client.get(), "t1");
     ASSERT_TRUE(backup.Running());
     backup.job->Abort();
     const CNDMPJobResult r = backup.result.get();
@@ -298,17 +231,15 @@ TEST(JobEnd, AbortHaltsBothAgentsAndALostDataAgentEndsTheJobQuickly) {
     EXPECT_NE(r.moverHaltReason, enums::CNDMPEnumMoverHaltReason::NDMP_MOVER_HALT_NA);
     // Both agents were stopped: the same server takes the next job at once.
     CNDMPDataGetStateRequest state;
-    CNDMPMessage* reply = nullptr;
-    ASSERT_EQ(client.connection.SendMessage(state, &reply, 10), enums::CNDMPError::NDMP_NO_ERR);
-    EXPECT_EQ(dynamic_cast<CNDMPDataGetStateReply&>(*reply).State,
-              enums::CNDMPEnumDataState::NDMP_DATA_STATE_IDLE);
-    client.connection.FreeMessage(reply);
+    auto reply = client.Get<CNDMPDataGetStateReply>(state);
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->State, enums::CNDMPEnumDataState::NDMP_DATA_STATE_IDLE);
   }
   // Three-way with the data agent on a server that goes away mid-backup.
-  auto dataServer = std::make_unique<CSimFixture>(DataConfig(root.Path(), 8ull << 30));
-  CClient data(dataServer->Port());
-  CClient tape(sim.Port());
-  CRunningBackup backup(data.connection, tape.connection, "t2");
+  auto dataServer = std::make_unique<CSimFixture>(CSimFixture::DataConfig(root.Path(), 8ull << 30));
+  CClient data(dataServer->Port()), tape(sim.Port());
+  ASSERT_TRUE(data.Open() && tape.Open());
+  CRunningBackup backup(*data.get(), *tape.get(), "t2");
   ASSERT_TRUE(backup.Running());
   const auto stopped = std::chrono::steady_clock::now();
   dataServer.reset();
@@ -321,12 +252,13 @@ TEST(JobEnd, AbortHaltsBothAgentsAndALostDataAgentEndsTheJobQuickly) {
 
 TEST(JobEnd, TapeFullFailsByDefaultAndContinuesOnASecondTape) {
   CTempDir root;
-  BuildTree(root.File("src"), 200, false);
+  BuildTestTree(root.File("src"), 200, false);
   WriteRandomFile(root.File("src/a/large.bin"), 3 << 20, 3);
-  CSimFixture sim(DataConfig(root.Path(), 2 << 20));
+  CSimFixture sim(CSimFixture::DataConfig(root.Path(), 2 << 20));
   CClient client(sim.Port());
+  ASSERT_TRUE(client.Open());
   CObserver refuse;
-  CNDMPJobSettings s = Settings(client.connection, client.connection, "small");
+  CNDMPJobSettings s = Settings(*client.get(), *client.get(), "small");
   s.observer = &refuse;
   const CNDMPJobResult full = CNDMPBackupJob(s).Run();
   EXPECT_EQ(full.outcome, Outcome::kFailed);
@@ -343,7 +275,7 @@ TEST(JobEnd, TapeFullFailsByDefaultAndContinuesOnASecondTape) {
   const CNDMPJobResult restore = Restore(s, {{"/", "/dst"}});
   ASSERT_EQ(restore.outcome, Outcome::kSucceeded) << restore.error;
   EXPECT_EQ(restore.tapesUsed, 2u);
-  EXPECT_EQ(Snapshot(root.File("dst")), Snapshot(root.File("src")));
+  EXPECT_EQ(SnapshotTree(root.File("dst")), SnapshotTree(root.File("src")));
 }
 
 }  // namespace

@@ -3,47 +3,18 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <functional>
 #include <memory>
 #include <string>
-#include <typeinfo>
 #include <vector>
 
 #include "ndmpc/ndmp/messages/message_access.h"
+#include "tests/support/peer_support.h"
 #include "tests/support/wire_support.h"
 
-namespace com::vx::korvane::ndmpc {
+namespace com::vx::korvane::ndmpc::testing {
 namespace {
 
-using testing::Bytes;
-using testing::Concat;
-using testing::DecodeValue;
-using testing::EncodeValue;
-using testing::Hex;
 using Auth = enums::CNDMPEnumAuthType;
-
-std::vector<unsigned char> Counting(unsigned int length, unsigned char first = 1) {
-  std::vector<unsigned char> bytes(length);
-  for (unsigned int i = 0; i < length; ++i) bytes[i] = static_cast<unsigned char>(first + i);
-  return bytes;
-}
-
-void SetOpaque(CXDROpaque& opaque, const std::vector<unsigned char>& bytes) {
-  opaque.SetData(bytes.data(), bytes.size());
-}
-
-std::vector<unsigned char> OpaqueBytes(const CXDROpaque& opaque) {
-  const auto* data = static_cast<const unsigned char*>(opaque.GetData());
-  return std::vector<unsigned char>(data, data + opaque.GetSize());
-}
-
-// "abc" as an XDR string: length word, bytes, zero padding.
-std::vector<unsigned char> XdrString(const std::string& text) {
-  std::vector<unsigned char> bytes = Bytes({0, 0, 0, static_cast<int>(text.size())});
-  bytes.insert(bytes.end(), text.begin(), text.end());
-  while (bytes.size() % 4 != 0) bytes.push_back(0);
-  return bytes;
-}
 
 TEST(ConnectConfigMessages, ClientAuthEncodesTheArmOfItsType) {
   CNDMPConnectClientAuthRequest none;
@@ -61,6 +32,14 @@ TEST(ConnectConfigMessages, ClientAuthEncodesTheArmOfItsType) {
   text.AuthenticationData.TextAuthenticationData.AuthenticationPassword = "secret";
   EXPECT_EQ(Hex(EncodeValue(text)),
             Hex(Concat({Bytes({0, 0, 0, 1}), XdrString("bob"), XdrString("secret")})));
+  EXPECT_EQ(text.DumpContents(0),
+            "\nAuthenticationData = \n{"
+            "\n    AuthenticationType = 0x1:NDMP_AUTH_TEXT"
+            "\n    TextAuthenticationData = \n    {"
+            "\n        AuthenticationID = \"bob\""
+            "\n        AuthenticationPassword = \"secret\""
+            "\n    }"
+            "\n}");
 
   // The digest is fixed-length: 16 bytes with no length word before them.
   CNDMPConnectClientAuthRequest md5(Auth::NDMP_AUTH_MD5);
@@ -69,28 +48,35 @@ TEST(ConnectConfigMessages, ClientAuthEncodesTheArmOfItsType) {
   const auto md5Bytes = Concat({Bytes({0, 0, 0, 2}), XdrString("root"), Counting(16)});
   EXPECT_EQ(Hex(EncodeValue(md5)), Hex(md5Bytes));
   EXPECT_EQ(md5.SerializeSize(), md5Bytes.size());
+
+  // The factory's request starts as type NONE and follows the MD5 data it receives.
+  std::unique_ptr<CNDMPMessage> made(
+      CNDMPMessageAccess::Make(enums::CNDMPMessageCode::NDMP_CONNECT_CLIENT_AUTH, 0));
+  auto* request = dynamic_cast<CNDMPConnectClientAuthRequest*>(made.get());
+  ASSERT_NE(request, nullptr);
+  EXPECT_EQ(DecodeValue(md5Bytes, *request), 0);
+  const CNDMPAuthMD5& back = request->AuthenticationData.MD5AuthenticationData;
+  EXPECT_EQ(request->AuthenticationData.AuthenticationType, Auth::NDMP_AUTH_MD5);
+  EXPECT_EQ(back.AuthenticationID.GetString(), "root");
+  EXPECT_EQ(Hex(OpaqueBytes(back.AuthenticationDigest)), Hex(Counting(16)));
+  EXPECT_EQ(Hex(EncodeValue(*request)), Hex(md5Bytes));
 }
 
 TEST(ConnectConfigMessages, AuthAttrCarriesTheChallengeOnlyForMd5) {
-  struct Case {
-    Auth::enum_value type;
-    std::size_t length;
-  };
-  for (const Case& c : {Case{Auth::NDMP_AUTH_NONE, 4}, Case{Auth::NDMP_AUTH_TEXT, 4},
-                        Case{Auth::NDMP_AUTH_MD5, 68}}) {
-    SCOPED_TRACE(c.type);
-    CNDMPAuthAttr attr(c.type);
+  for (const auto type : {Auth::NDMP_AUTH_NONE, Auth::NDMP_AUTH_TEXT, Auth::NDMP_AUTH_MD5}) {
+    SCOPED_TRACE(type);
+    CNDMPAuthAttr attr(type);
     SetOpaque(attr.Challenge, Counting(64));
-    auto bytes = EncodeValue(attr);
-    ASSERT_EQ(bytes.size(), c.length);
-    EXPECT_EQ(attr.SerializeSize(), c.length);
-    EXPECT_EQ(Hex(std::vector<unsigned char>(bytes.begin(), bytes.begin() + 4)),
-              Hex(Bytes({0, 0, 0, static_cast<int>(c.type)})));
-    if (c.length == 68) {
-      EXPECT_EQ(Hex(std::vector<unsigned char>(bytes.begin() + 4, bytes.end())),
-                Hex(Counting(64)));
-    }
+    const auto expected =
+        type == Auth::NDMP_AUTH_MD5 ? Concat({Words({type}), Counting(64)}) : Words({type});
+    EXPECT_EQ(Hex(EncodeValue(attr)), Hex(expected));
+    EXPECT_EQ(attr.SerializeSize(), expected.size());
   }
+  // An MD5 attribute that receives type NONE shrinks to the type word.
+  CNDMPAuthAttr attr(Auth::NDMP_AUTH_MD5);
+  EXPECT_EQ(DecodeValue(Words({0}), attr), 0);
+  EXPECT_EQ(attr.SerializeSize(), 4u);
+  EXPECT_EQ(Hex(EncodeValue(attr)), Hex(Words({0})));
   // The default type of each union member as the messages create them.
   CNDMPConfigGetAuthAttrReply attrReply;
   CNDMPConnectServerAuthRequest serverAuth;
@@ -102,53 +88,8 @@ TEST(ConnectConfigMessages, AuthAttrCarriesTheChallengeOnlyForMd5) {
   EXPECT_EQ(Hex(EncodeValue(open)), Hex(Bytes({0, 0, 0, 4})));
 }
 
-TEST(ConnectConfigMessages, DecodedUnionFollowsTheReceivedType) {
-  // The factory's request starts as type NONE; MD5 data arrives.
-  std::unique_ptr<CNDMPMessage> made(
-      CNDMPMessageAccess::Make(enums::CNDMPMessageCode::NDMP_CONNECT_CLIENT_AUTH, 0));
-  ASSERT_NE(made, nullptr);
-  auto* request = dynamic_cast<CNDMPConnectClientAuthRequest*>(made.get());
-  ASSERT_NE(request, nullptr);
-  const auto md5Bytes = Concat({Bytes({0, 0, 0, 2}), XdrString("root"), Counting(16, 0xA0)});
-  EXPECT_EQ(DecodeValue(md5Bytes, *request), 0);
-  const CNDMPAuthMD5& md5 = request->AuthenticationData.MD5AuthenticationData;
-  EXPECT_EQ(request->AuthenticationData.AuthenticationType, Auth::NDMP_AUTH_MD5);
-  EXPECT_EQ(md5.AuthenticationID.GetString(), "root");
-  EXPECT_EQ(Hex(OpaqueBytes(md5.AuthenticationDigest)), Hex(Counting(16, 0xA0)));
-  EXPECT_EQ(Hex(EncodeValue(*request)), Hex(md5Bytes));
-
-  // An MD5 attribute that receives type NONE shrinks to the type word.
-  CNDMPAuthAttr attr(Auth::NDMP_AUTH_MD5);
-  EXPECT_EQ(DecodeValue(Bytes({0, 0, 0, 0}), attr), 0);
-  EXPECT_EQ(attr.SerializeSize(), 4u);
-  EXPECT_EQ(Hex(EncodeValue(attr)), Hex(Bytes({0, 0, 0, 0})));
-}
-
-TEST(ConnectConfigMessages, ServerInfoWithEmptyAuthListDecodesToEmptyArray) {
-  CNDMPConfigGetServerInfoReply reply;
-  reply.AuthenticationTypes.AddItem(Auth::NDMP_AUTH_MD5);
-  reply.AuthenticationTypes.AddItem(Auth::NDMP_AUTH_TEXT);
-  const auto bytes =
-      Concat({Bytes({0, 0, 0, 0}), XdrString("V"), XdrString("P"), XdrString("1.0"),
-              Bytes({0, 0, 0, 0})});
-  EXPECT_EQ(DecodeValue(bytes, reply), 0);
-  EXPECT_EQ(reply.AuthenticationTypes.size(), 0u);
-  EXPECT_EQ(reply.RevisionNumber.GetString(), "1.0");
-}
-
-TEST(ConnectConfigMessages, DumpsNamesNestingAndSpelling) {
-  CNDMPConnectClientAuthRequest text(Auth::NDMP_AUTH_TEXT);
-  text.AuthenticationData.TextAuthenticationData.AuthenticationID = "bob";
-  text.AuthenticationData.TextAuthenticationData.AuthenticationPassword = "secret";
-  EXPECT_EQ(text.DumpContents(0),
-            "\nAuthenticationData = \n{"
-            "\n    AuthenticationType = 0x1:NDMP_AUTH_TEXT"
-            "\n    TextAuthenticationData = \n    {"
-            "\n        AuthenticationID = \"bob\""
-            "\n        AuthenticationPassword = \"secret\""
-            "\n    }"
-            "\n}");
-
+// The member keeps its spelling "VenderName"; an empty list received empties the array.
+TEST(ConnectConfigMessages, ServerInfoDumpsItsListAndDecodesAnEmptyOne) {
   CNDMPConfigGetServerInfoReply info;
   info.VenderName = "V";
   info.ProductName = "P";
@@ -164,6 +105,11 @@ TEST(ConnectConfigMessages, DumpsNamesNestingAndSpelling) {
             "\n    0x0:NDMP_AUTH_NONE"
             "\n    0x2:NDMP_AUTH_MD5"
             "\n}");
+  // An empty list received empties the array.
+  const auto bytes = Concat({Words({0}), XdrString("V"), XdrString("P"), XdrString("1.0"), Words({0})});
+  EXPECT_EQ(DecodeValue(bytes, info), 0);
+  EXPECT_EQ(info.AuthenticationTypes.size(), 0u);
+  EXPECT_EQ(info.RevisionNumber.GetString(), "1.0");
 }
 
 // The digest is the MD5 of a 128-byte block; the expected digests were taken
@@ -206,4 +152,4 @@ TEST(AuthMD5, ComputeDigestHashesTheFixedBlockLayout) {
 }
 
 }  // namespace
-}  // namespace com::vx::korvane::ndmpc
+}  // namespace com::vx::korvane::ndmpc::testing

@@ -3,14 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <functional>
 #include <initializer_list>
-#include <memory>
 #include <string>
-#include <typeinfo>
 #include <vector>
 
-#include "ndmpc/ndmp/messages/message_access.h"
 #include "ndmpc/ndmp/messages/message_packet.h"
 #include "tests/support/wire_support.h"
 
@@ -18,16 +14,6 @@ namespace com::vx::korvane::ndmpc::testing {
 namespace {
 
 using enums::CNDMPEnumAddrType;
-
-// Big-endian 4-byte words.
-std::vector<unsigned char> Words(std::initializer_list<std::uint32_t> words) {
-  std::vector<unsigned char> out;
-  for (std::uint32_t w : words) {
-    for (int shift = 24; shift >= 0; shift -= 8)
-      out.push_back(static_cast<unsigned char>(w >> shift));
-  }
-  return out;
-}
 
 CNDMPTcpAddr Tcp(std::uint32_t ip, int port, std::initializer_list<CNDMPPVal> env) {
   CNDMPTcpAddr addr;

@@ -3,30 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <functional>
-#include <initializer_list>
-#include <memory>
-#include <string>
-#include <typeinfo>
 #include <vector>
 
-#include "ndmpc/ndmp/messages/message_access.h"
 #include "tests/support/wire_support.h"
 
 namespace com::vx::korvane::ndmpc::testing {
 namespace {
 
 using enums::CNDMPEnumFSType;
-
-// Big-endian 4-byte words.
-std::vector<unsigned char> Words(std::initializer_list<std::uint32_t> words) {
-  std::vector<unsigned char> out;
-  for (std::uint32_t w : words) {
-    for (int shift = 24; shift >= 0; shift -= 8)
-      out.push_back(static_cast<unsigned char>(w >> shift));
-  }
-  return out;
-}
 
 CXDREnumBase<enums::CNDMPProtocolVersion> V(unsigned int version) {
   return CXDREnumBase<enums::CNDMPProtocolVersion>(version);
@@ -36,14 +20,6 @@ CNDMPFileName UnixName(const char* path) {
   CNDMPFileName name;
   name.FileSystemType = CNDMPEnumFSType::NDMP_FS_UNIX;
   name.UnixFileName = path;
-  return name;
-}
-
-CNDMPFileName NtName(const char* path, const char* dos) {
-  CNDMPFileName name;
-  name.FileSystemType = CNDMPEnumFSType::NDMP_FS_NT;
-  name.WindowsFileName.NTPath = path;
-  name.WindowsFileName.DOSPath = dos;
   return name;
 }
 
@@ -98,7 +74,11 @@ TEST(FhAddFilePost, EncodesUnixAndNtEntries) {
   unixFile.Node = CNDMPUQuad(8);
   unixFile.FileHistInfo = CNDMPUQuad(9);
   CNDMPFile ntFile;
-  ntFile.FileNameList.AddItem(NtName("C:\\x", "X"));
+  CNDMPFileName nt;
+  nt.FileSystemType = CNDMPEnumFSType::NDMP_FS_NT;
+  nt.WindowsFileName.NTPath = "C:\\x";
+  nt.WindowsFileName.DOSPath = "X";
+  ntFile.FileNameList.AddItem(nt);
   ntFile.Node = CNDMPUQuad(10);
   ntFile.FileHistInfo = CNDMPUQuad(0x100000000ull);
   CNDMPFhAddFilePost post;

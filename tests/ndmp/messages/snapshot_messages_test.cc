@@ -2,10 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdint>
 #include <memory>
-#include <string>
-#include <vector>
 
 #include "ndmpc/ndmp/messages/message_access.h"
 #include "tests/support/wire_support.h"

@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <initializer_list>
 #include <memory>
-#include <string>
 #include <vector>
 
 #include "ndmpc/ndmp/messages/message_access.h"
@@ -43,7 +42,7 @@ TEST(SnapVaultMessages, TwoMemberBodiesDecodeFromExactlyEightBytes) {
   }
 }
 
-TEST(SnapVaultMessages, CreateSnapNotificationsFollowTheLeadingWords) {
+TEST(SnapVaultMessages, CreateSnapNotificationsAndTcpAddressesEncodeExactly) {
   CNDMPSvsNotifyCreateSnapPost secondary;
   CNDMPSvpNotifyCreateSnapPost primary;
   const unsigned char id[] = {1, 2, 3, 4, 5};
@@ -56,9 +55,7 @@ TEST(SnapVaultMessages, CreateSnapNotificationsFollowTheLeadingWords) {
     EXPECT_EQ(Hex(EncodeValue(*post)),
               "20 50 00 01 00 00 00 09 5F 00 00 00 00 00 00 05 01 02 03 04 05 00 00 00");
   }
-}
-
-TEST(SnapVaultMessages, TcpAddressCarriesAFullWordPort) {
+  // The port of a SnapVault TCP address is a full word.
   CNDMPSvTcpAddr address;
   address.IPAddress = 0x7F000001;
   address.Port = 0x12345;
