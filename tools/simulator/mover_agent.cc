@@ -59,27 +59,11 @@ void CSimMoverAgent::Listen(CSimRequest& request) {
   auto* body = request.Body<CNDMPMoverListenRequest>();
   if (body == nullptr) return request.Fail(CNDMPError::NDMP_ILLEGAL_ARGS_ERR);
   CNDMPMoverListenReply reply;
-  const std::uint32_t mode = body->Mode.getInt32();
   const unsigned int type = body->AddressType.getInt32();
-  unsigned int error = CNDMPError::NDMP_NO_ERR;
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (state_ != State::kIdle) error = CNDMPError::NDMP_ILLEGAL_STATE_ERR;
-  }
-  if (error == CNDMPError::NDMP_NO_ERR) error = CheckTape(tape_, mode);
-  CSimEndpoint endpoint;
-  std::string why;
-  if (error == CNDMPError::NDMP_NO_ERR) {
-    error = ListenEndpoint(type, context_.localAddress, &endpoint, &reply.Address, &why);
-  }
-  if (!why.empty()) context_.log.warning("sim client %u: mover: %s", context_.id, why.c_str());
-  if (error == CNDMPError::NDMP_NO_ERR) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    endpoint_ = std::move(endpoint);
-    state_ = State::kListen;
-    Start(mode);
-  }
-  reply.Error = CXDREnumBase<CNDMPError>(error);
+  reply.Error = CXDREnumBase<CNDMPError>(
+      OpenEndpoint(body->Mode.getInt32(), State::kListen, [&](CSimEndpoint* e, std::string* why) {
+        return ListenEndpoint(type, context_.localAddress, e, &reply.Address, why);
+      }));
   request.Reply(reply);
 }
 
@@ -87,7 +71,18 @@ void CSimMoverAgent::Connect(CSimRequest& request) {
   auto* body = request.Body<CNDMPMoverConnectRequest>();
   if (body == nullptr) return request.Fail(CNDMPError::NDMP_ILLEGAL_ARGS_ERR);
   CNDMPMoverConnectReply reply;
-  const std::uint32_t mode = body->Mode.getInt32();
+  reply.NDMP_Error = CXDREnumBase<CNDMPError>(
+      OpenEndpoint(body->Mode.getInt32(), State::kActive, [&](CSimEndpoint* e, std::string* why) {
+        return ConnectEndpoint(
+            body->Address, [this] { return data_ == nullptr ? -1 : data_->ConnectLocal(); }, e,
+            why);
+      }));
+  request.Reply(reply);
+}
+
+unsigned int CSimMoverAgent::OpenEndpoint(
+    std::uint32_t mode, State next,
+    const std::function<unsigned int(CSimEndpoint*, std::string*)>& open) {
   unsigned int error = CNDMPError::NDMP_NO_ERR;
   {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -96,20 +91,15 @@ void CSimMoverAgent::Connect(CSimRequest& request) {
   if (error == CNDMPError::NDMP_NO_ERR) error = CheckTape(tape_, mode);
   CSimEndpoint endpoint;
   std::string why;
-  if (error == CNDMPError::NDMP_NO_ERR) {
-    error = ConnectEndpoint(
-        body->Address, [this] { return data_ == nullptr ? -1 : data_->ConnectLocal(); }, &endpoint,
-        &why);
-  }
+  if (error == CNDMPError::NDMP_NO_ERR) error = open(&endpoint, &why);
   if (!why.empty()) context_.log.warning("sim client %u: mover: %s", context_.id, why.c_str());
   if (error == CNDMPError::NDMP_NO_ERR) {
     std::lock_guard<std::mutex> lock(mutex_);
     endpoint_ = std::move(endpoint);
-    state_ = State::kActive;
+    state_ = next;
     Start(mode);
   }
-  reply.NDMP_Error = CXDREnumBase<CNDMPError>(error);
-  request.Reply(reply);
+  return error;
 }
 
 int CSimMoverAgent::ConnectLocal() {

@@ -12,6 +12,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -55,6 +56,11 @@ class CSimMoverAgent {
 
  private:
   enum class State { kIdle, kListen, kActive, kPaused, kHalted };
+  // NDMP_MOVER_LISTEN and NDMP_MOVER_CONNECT: from idle, with a tape fit for
+  // `mode`, `open` makes the data endpoint; the mover then enters `next`
+  // and starts. The NDMP error.
+  unsigned int OpenEndpoint(std::uint32_t mode, State next,
+                            const std::function<unsigned int(CSimEndpoint*, std::string*)>& open);
 
   void Start(std::uint32_t mode);
   void Work();
